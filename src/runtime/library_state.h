@@ -95,6 +95,12 @@ struct LibraryState {
 
   // Dates.
   int32_t default_date_style = 2;
+  // Month lengths shared by every date operation; DBIsLeapYear rewrites the
+  // February entry for the year in hand before each use.
+  int32_t month_lengths[12] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+  // The last DBSoundex result (four characters and a zero), owned here
+  // because the caller gets a pointer to it.
+  char soundex_result[5] = {'0', '0', '0', '0', 0};
 
   // Expressions.
   ParseEntryTable parse_entries;
