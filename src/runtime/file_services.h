@@ -35,7 +35,7 @@ inline constexpr int32_t kModeShared = 0x400;
 // -221 null argument, -214 empty name, -246 refused (logged under INITW32).
 int32_t FileOpen(FileHandle* handle, const char* name, int32_t mode, uint32_t* attributes);
 // Creates or truncates a file for reading and writing, shared.
-// -221 null (not logged), -214 empty name, -246 refused.
+// -221 null (not logged), -214 empty name, -246 refused (logged under INITW32).
 int32_t FileCreate(FileHandle* handle, const char* name);
 // Closes the handle; never reports an error.
 int32_t FileClose(FileHandle handle);
@@ -79,5 +79,11 @@ int32_t IsRegionLocked(FileHandle handle, uint32_t offset, uint32_t length);
 // Raises the soft limit of open files to count (capped at the hard limit);
 // returns the resulting limit.
 int32_t SetHandleCount(int32_t count);
+
+namespace testing {
+// Lock and unlock attempts FileLock has made since the process started
+// (each retry counts), so a test can see how often it asked the system.
+long LockAttempts();
+}  // namespace testing
 
 }  // namespace kestrel

@@ -54,7 +54,8 @@ int32_t AllocateHandle(int32_t* handle, int kind, ControlBlock* block) {
 
 int32_t CheckHandle(int32_t handle, int kind) {
   LibraryState& s = State();
-  if (handle < 0 || handle >= s.slot_count || s.slots[handle].kind != kind || kind == DB_KIND_FREE) {
+  if (handle < 0 || handle >= s.slot_count || s.slots[handle].kind != kind ||
+      kind == DB_KIND_FREE) {
     return FailQuiet(DB_ERR_INVALID_HANDLE);
   }
   return 0;

@@ -17,7 +17,8 @@ constexpr const char kVersionText[] = "4.00 Revision F";
 
 // Five handles are held back for the process's own files.
 constexpr int32_t kReservedHandles = 5;
-// The slot count and the lock capacity (twice the slots) are 16-bit.
+// The slot count and the lock capacity (twice the slots) are 16-bit, so a
+// larger count cannot be described and is refused like a count below 5.
 constexpr int32_t kMaxCount = 16383 + kReservedHandles;
 
 void FreeTables(LibraryState& s) {
@@ -65,9 +66,11 @@ KESTREL_API int32_t DBInitialize(int32_t count, int32_t flags) {
   for (CloseRoutine& r : s.close_routines) r = nullptr;
   s.open_objects = 0;
   if (flags & 0x100) {
-    int32_t answer = SetHandleCount(count & 0xFFFF) & 0xFFFF;
-    if (answer > kMaxCount) answer = kMaxCount;
-    if (answer >= kReservedHandles) count = answer;
+    // The system answers with its resulting limit of open files; the table
+    // gets as many of the requested handles as that limit grants.
+    int32_t answer = SetHandleCount(count & 0xFFFF);
+    if (answer < count) count = answer;
+    if (count < kReservedHandles) return KS_FAIL(kInit, DB_ERR_INVALID_HANDLE);
   }
   int32_t slots = count - kReservedHandles;
   // Never a zero-byte request: a table of no slots is still a table.
@@ -104,8 +107,10 @@ KESTREL_API const char* DBGetErrorStr(void) { return MessageFor(ErrorCode()); }
 
 KESTREL_API int32_t DBErrorLog(int32_t mode, const char* name) {
   LibraryState& s = State();
+  // Mode 1 names the file; a missing name is refused before anything changes.
+  if (mode == 1 && !name) return KS_FAIL(kInit, DB_ERR_NULL);
   s.log_switch = mode;
-  if (mode == 1 && name) {
+  if (mode == 1) {
     // At most 29 characters and the terminator; never read past the name.
     size_t n = strnlen(name, kLogNameSize - 1);
     std::memset(s.log_name, 0, sizeof s.log_name);

@@ -55,10 +55,10 @@ struct ParseEntryTable {
 
 // The evaluator's working state (one evaluation at a time per process).
 struct EvaluatorState {
-  char* position = nullptr;  // parse position in the expression text
-  int32_t table = -1;        // table handle names are resolved against
-  DBEXPRVALUE current{};     // operand just parsed / result of the last step
-  DBEXPRVALUE accumulator{}; // sum built so far; type 32 means empty
+  char* position = nullptr;   // parse position in the expression text
+  int32_t table = -1;         // table handle names are resolved against
+  DBEXPRVALUE current{};      // operand just parsed / result of the last step
+  DBEXPRVALUE accumulator{};  // sum built so far; type 32 means empty
 };
 
 // Allocation bookkeeping, for fault injection and leak checks in tests.
@@ -89,6 +89,7 @@ struct LibraryState {
   LockEntry* locks = nullptr;
   int16_t lock_count = 0;
   int16_t lock_capacity = 0;
+  long lock_attempts = 0;  // lock/unlock attempts made so far (tests count them)
 
   // Memory.
   AllocationStats allocations;

@@ -29,7 +29,9 @@ bool InjectedFailure() {
   return false;
 }
 
-size_t& SizeOf(void* block) { return *reinterpret_cast<size_t*>(static_cast<uint8_t*>(block) - kPrefix); }
+size_t& SizeOf(void* block) {
+  return *reinterpret_cast<size_t*>(static_cast<uint8_t*>(block) - kPrefix);
+}
 
 }  // namespace
 
@@ -48,7 +50,8 @@ void* MemRealloc(void* block, size_t size) {
   if (InjectedFailure()) return nullptr;
   if (size > static_cast<size_t>(-1) - kPrefix) return nullptr;
   size_t old = SizeOf(block);
-  auto* raw = static_cast<uint8_t*>(std::realloc(static_cast<uint8_t*>(block) - kPrefix, size + kPrefix));
+  auto* raw =
+      static_cast<uint8_t*>(std::realloc(static_cast<uint8_t*>(block) - kPrefix, size + kPrefix));
   if (!raw) return nullptr;
   if (size > old) std::memset(raw + kPrefix + old, 0, size - old);
   *reinterpret_cast<size_t*>(raw) = size;

@@ -21,7 +21,7 @@
 
 namespace kestrel {
 
-void* MemAlloc(size_t size);                // zero-filled; nullptr on failure
+void* MemAlloc(size_t size);                 // zero-filled; nullptr on failure
 void* MemRealloc(void* block, size_t size);  // nullptr on failure, block kept
 void MemFree(void* block);
 

@@ -122,8 +122,8 @@ void LogError(ModulePath module, int line, int32_t code) {
   std::FILE* f = std::fopen(name, "a+");
   if (!f) return;  // a log that cannot be opened is silently skipped
   char record[128];
-  int n = std::snprintf(record, sizeof record, "%s\t%d\t%d\n", module.path ? module.path : "",
-                        line, static_cast<int>(code));
+  int n = std::snprintf(record, sizeof record, "%s\t%d\t%d\n", module.path ? module.path : "", line,
+                        static_cast<int>(code));
   if (n > 0) std::fwrite(record, 1, n < static_cast<int>(sizeof record) ? n : sizeof record - 1, f);
   std::fclose(f);
 }

@@ -8,7 +8,7 @@
 //
 // Each source file declares the module paths it reports under as constants:
 //
-//     constexpr ModulePath kModule = ModulePath::Engine("DOPEN");
+//     constexpr ModulePath kModule = KS_ENGINE_MODULE("DOPEN");
 //
 // Successful operations either leave the code as it was (Ok()) or reset it
 // (Succeed()), as each operation documents.
@@ -50,5 +50,7 @@ const char* MessageFor(int32_t code);
 #define KS_PASS(module, code) (::kestrel::LogError((module), __LINE__, (code)), (code))
 
 // Module path literals.
+// clang-format off
 #define KS_ENGINE_MODULE(name) ::kestrel::ModulePath{"..\\C_ALL\\" name}
 #define KS_PLATFORM_MODULE(name) ::kestrel::ModulePath{"..\\C_WIN32\\" name}
+// clang-format on

@@ -65,16 +65,24 @@ bool WriteFully(FileHandle h, const void* buffer, size_t count, int64_t offset) 
   return true;
 }
 
-// One attempt at a byte-range lock or unlock.
-bool TryRangeLock(FileHandle h, bool unlock, uint32_t offset, uint32_t length) {
-  if (length == 0) return true;  // an empty region holds nothing
+// The kind of byte-range lock a descriptor can take: a write lock, or a read
+// lock on a descriptor opened read-only (a write lock needs write access).
+short LockTypeFor(FileHandle h, bool unlock) {
+  if (unlock) return F_UNLCK;
+  int access = ::fcntl(h, F_GETFL);
+  return (access >= 0 && (access & O_ACCMODE) == O_RDONLY) ? F_RDLCK : F_WRLCK;
+}
+
+// One attempt at a byte-range lock or unlock.  Open-file-description locks
+// belong to the descriptor, not the process, so two descriptors of one process
+// conflict; kernels without them get classic record locks.
+bool TryRangeLock(FileHandle h, short type, uint32_t offset, uint32_t length) {
+  ++State().lock_attempts;
+  // A POSIX length of 0 would mean "to the end of the file and beyond"; an
+  // empty region holds nothing, so there is nothing to ask the system.
+  if (length == 0) return true;
   struct flock fl {};
-  if (unlock) {
-    fl.l_type = F_UNLCK;
-  } else {
-    int access = ::fcntl(h, F_GETFL);
-    fl.l_type = (access >= 0 && (access & O_ACCMODE) == O_RDONLY) ? F_RDLCK : F_WRLCK;
-  }
+  fl.l_type = type;
   fl.l_whence = SEEK_SET;
   fl.l_start = static_cast<off_t>(offset);
   fl.l_len = static_cast<off_t>(length);
@@ -108,15 +116,17 @@ int32_t FileOpen(FileHandle* handle, const char* name, int32_t mode, uint32_t* a
 
 int32_t FileCreate(FileHandle* handle, const char* name) {
   if (!handle || !name) return FailQuiet(DB_ERR_NULL);
-  if (name[0] == '\0') return KS_FAIL(kFile, DB_ERR_INVALID_FILENAME);
+  if (name[0] == '\0') return KS_FAIL(kInit, DB_ERR_INVALID_FILENAME);
   // Open without truncating, take the shared lock, then truncate: a file that
   // someone holds exclusively is refused before it is damaged.
   int fd = OpenWithShareLock(name, O_RDWR | O_CREAT, LOCK_SH);
   if (fd < 0 || ::ftruncate(fd, 0) != 0) {
     if (fd >= 0) ::close(fd);
     *handle = kNoFile;
-    return KS_FAIL(kFile, DB_ERR_OPEN);
+    return KS_FAIL(kInit, DB_ERR_OPEN);
   }
+  // Tables and indexes are read by record and by page, not front to back.
+  (void)::posix_fadvise(fd, 0, 0, POSIX_FADV_RANDOM);
   *handle = fd;
   return Ok();
 }
@@ -154,7 +164,8 @@ int32_t FileSize(FileHandle handle, uint64_t* size) {
 }
 
 int32_t FileSeek(FileHandle handle, uint64_t offset) {
-  if (offset > static_cast<uint64_t>(INT64_MAX) || ::lseek(handle, static_cast<off_t>(offset), SEEK_SET) < 0) {
+  if (offset > static_cast<uint64_t>(INT64_MAX) ||
+      ::lseek(handle, static_cast<off_t>(offset), SEEK_SET) < 0) {
     return KS_FAIL(kFile, DB_ERR_SEEK_REFUSED);
   }
   return Ok();
@@ -176,7 +187,8 @@ int32_t FileWrite(FileHandle handle, const void* buffer, size_t count, int32_t f
 int32_t FileReadAt(FileHandle handle, uint64_t offset, void* buffer, size_t count) {
   if (!buffer) return KS_FAIL(kFile, DB_ERR_NULL);
   if (offset > static_cast<uint64_t>(INT64_MAX)) return KS_FAIL(kFile, DB_ERR_SEEK_REFUSED);
-  if (!ReadFully(handle, buffer, count, static_cast<int64_t>(offset))) return FailQuiet(DB_ERR_READ);
+  if (!ReadFully(handle, buffer, count, static_cast<int64_t>(offset)))
+    return FailQuiet(DB_ERR_READ);
   return Ok();
 }
 
@@ -184,7 +196,8 @@ int32_t FileWriteAt(FileHandle handle, uint64_t offset, const void* buffer, size
                     int32_t flush) {
   if (!buffer) return KS_FAIL(kFile, DB_ERR_NULL);
   if (offset > static_cast<uint64_t>(INT64_MAX)) return KS_FAIL(kFile, DB_ERR_SEEK_REFUSED);
-  if (!WriteFully(handle, buffer, count, static_cast<int64_t>(offset))) return FailQuiet(DB_ERR_WRITE);
+  if (!WriteFully(handle, buffer, count, static_cast<int64_t>(offset)))
+    return FailQuiet(DB_ERR_WRITE);
   if (flush & 0xFFFF) return FileFlush(handle);
   return Ok();
 }
@@ -211,14 +224,19 @@ int32_t FileRename(const char* new_name, const char* old_name) {
   if (!new_name || !old_name) return KS_FAIL(kFile, DB_ERR_NULL);
   // Renaming never replaces an existing file: callers delete the target
   // first when that is what they mean.
-  bool done;
+  bool done = false;
 #ifdef RENAME_NOREPLACE
   done = ::renameat2(AT_FDCWD, old_name, AT_FDCWD, new_name, RENAME_NOREPLACE) == 0;
-  if (!done && errno == EINVAL) done = ::access(new_name, F_OK) != 0 && std::rename(old_name, new_name) == 0;
+  if (!done && (errno == EINVAL || errno == ENOSYS)) {
+    // A file system (or kernel) that cannot refuse to replace by itself.
+    done = ::access(new_name, F_OK) != 0 && std::rename(old_name, new_name) == 0;
+  }
 #else
   done = ::access(new_name, F_OK) != 0 && std::rename(old_name, new_name) == 0;
 #endif
   if (done) return Ok();
+  // The code does not come from the system's error but from the library code
+  // left by the caller's previous step; callers depend on these exact values.
   int32_t code = ErrorCode();
   if (code == 2) return KS_FAIL(kFile, DB_ERR_NOT_FOUND);
   if (code == 13) return KS_FAIL(kFile, DB_ERR_ACCESS_DENIED);
@@ -230,20 +248,23 @@ int32_t FileLock(FileHandle handle, int32_t unlock, uint32_t offset, uint32_t le
   if (!unlock && s.lock_count >= s.lock_capacity) return KS_FAIL(kFile, DB_ERR_LOCK_OVERFLOW);
   int32_t rc = FileSeek(handle, offset);
   if (rc < 0) return KS_PASS(kFile, rc);
+  // At least one attempt; retries follow at once, without a pause.
   int32_t attempts = s.lock_retry_count > 1 ? s.lock_retry_count : 1;
+  short type = LockTypeFor(handle, unlock != 0);
   bool done = false;
-  for (int32_t i = 0; i < attempts && !done; ++i) done = TryRangeLock(handle, unlock != 0, offset, length);
+  for (int32_t i = 0; i < attempts && !done; ++i) done = TryRangeLock(handle, type, offset, length);
   if (!done) return KS_FAIL(kFile, DB_ERR_LOCK_RETRIES);
   if (!unlock) {
     s.locks[s.lock_count++] = LockEntry{offset, length, handle};
-  } else {
-    for (int i = 0; i < s.lock_count; ++i) {
-      LockEntry& e = s.locks[i];
-      if (e.offset == offset && e.length == length && e.file == handle) {
-        for (int j = i + 1; j < s.lock_count; ++j) s.locks[j - 1] = s.locks[j];
-        --s.lock_count;
-        break;
-      }
+    return Ok();
+  }
+  // Only the first matching entry goes; the others keep their order.
+  for (int i = 0; i < s.lock_count; ++i) {
+    const LockEntry& e = s.locks[i];
+    if (e.offset == offset && e.length == length && e.file == handle) {
+      for (int j = i + 1; j < s.lock_count; ++j) s.locks[j - 1] = s.locks[j];
+      --s.lock_count;
+      break;
     }
   }
   return Ok();
@@ -260,5 +281,9 @@ int32_t SetHandleCount(int32_t count) {
   }
   return rl.rlim_cur > 0x7FFFFFFF ? 0x7FFFFFFF : static_cast<int32_t>(rl.rlim_cur);
 }
+
+namespace testing {
+long LockAttempts() { return State().lock_attempts; }
+}  // namespace testing
 
 }  // namespace kestrel
