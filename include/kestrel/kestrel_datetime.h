@@ -73,7 +73,8 @@ KESTREL_API int32_t DBDate3ToStr(char *buffer, int32_t style, int32_t year, int3
 KESTREL_API int32_t DBStrDateTo3(int32_t *year, int32_t *month, int32_t *day, const char *string,
                                  int32_t style);
 KESTREL_API int32_t DBSetDefaultDateStyle(int32_t style);
-/* Returns the style; copies its name into buffer (DB_DATE_NAME_SIZE bytes). */
+/* Stores the default style and copies its name into buffer (DB_DATE_NAME_SIZE
+ * bytes); the name is empty for the numbers without a format. */
 KESTREL_API int32_t DBGetDefaultDateStyle(int32_t *style, char *buffer);
 
 /* Compositions over DBStrDateTo3. */
