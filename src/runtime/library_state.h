@@ -54,11 +54,13 @@ struct ParseEntryTable {
 };
 
 // The evaluator's working state (one evaluation at a time per process).
+// The running sums of nested expressions live on the evaluator's own stack;
+// what is kept here is what a keyword callback must reach.
 struct EvaluatorState {
-  char* position = nullptr;   // parse position in the expression text
-  int32_t table = -1;         // table handle names are resolved against
-  DBEXPRVALUE current{};      // operand just parsed / result of the last step
-  DBEXPRVALUE accumulator{};  // sum built so far; type 32 means empty
+  const char* position = nullptr;  // parse position in the expression text
+  int32_t table = -1;              // table handle names are resolved against
+  DBEXPRVALUE current{};           // the value a keyword callback fills
+  int32_t depth = 0;               // nesting of expressions now being parsed
 };
 
 // Allocation bookkeeping, for fault injection and leak checks in tests.

@@ -95,6 +95,14 @@ bool TryRangeLock(FileHandle h, short type, uint32_t offset, uint32_t length) {
   return ::fcntl(h, F_SETLK, &fl) == 0;
 }
 
+// Sets the position from the start of the file; false when refused.  The
+// callers inside this file test this result, never the library code: a
+// success leaves an earlier caller's code in place, which may be negative.
+bool SeekTo(FileHandle h, uint64_t offset) {
+  return offset <= static_cast<uint64_t>(INT64_MAX) &&
+         ::lseek(h, static_cast<off_t>(offset), SEEK_SET) >= 0;
+}
+
 }  // namespace
 
 int32_t FileOpen(FileHandle* handle, const char* name, int32_t mode, uint32_t* attributes) {
@@ -164,10 +172,7 @@ int32_t FileSize(FileHandle handle, uint64_t* size) {
 }
 
 int32_t FileSeek(FileHandle handle, uint64_t offset) {
-  if (offset > static_cast<uint64_t>(INT64_MAX) ||
-      ::lseek(handle, static_cast<off_t>(offset), SEEK_SET) < 0) {
-    return KS_FAIL(kFile, DB_ERR_SEEK_REFUSED);
-  }
+  if (!SeekTo(handle, offset)) return KS_FAIL(kFile, DB_ERR_SEEK_REFUSED);
   return Ok();
 }
 
@@ -203,8 +208,10 @@ int32_t FileWriteAt(FileHandle handle, uint64_t offset, const void* buffer, size
 }
 
 int32_t FileTruncate(FileHandle handle, uint64_t length) {
-  int32_t rc = FileSeek(handle, length);
-  if (rc < 0) return KS_PASS(kFile, rc);
+  if (!SeekTo(handle, length)) {
+    int32_t rc = KS_FAIL(kFile, DB_ERR_SEEK_REFUSED);  // reported as FileSeek does
+    return KS_PASS(kFile, rc);
+  }
   if (::ftruncate(handle, static_cast<off_t>(length)) != 0) return KS_FAIL(kFile, DB_ERR_WRITE);
   return Ok();
 }
@@ -212,11 +219,9 @@ int32_t FileTruncate(FileHandle handle, uint64_t length) {
 int32_t FileAtEnd(FileHandle handle, int32_t* at_end) {
   if (!at_end) return KS_FAIL(kFile, DB_ERR_NULL);
   off_t pos = ::lseek(handle, 0, SEEK_CUR);
-  if (pos < 0) return KS_FAIL(kFile, DB_ERR_SEEK);
-  uint64_t size = 0;
-  int32_t rc = FileSize(handle, &size);
-  if (rc < 0) return rc;
-  *at_end = static_cast<uint64_t>(pos) >= size ? 1 : 0;
+  struct stat st;
+  if (pos < 0 || ::fstat(handle, &st) != 0) return KS_FAIL(kFile, DB_ERR_SEEK);
+  *at_end = pos >= st.st_size ? 1 : 0;
   return Ok();
 }
 
@@ -246,8 +251,11 @@ int32_t FileRename(const char* new_name, const char* old_name) {
 int32_t FileLock(FileHandle handle, int32_t unlock, uint32_t offset, uint32_t length) {
   LibraryState& s = State();
   if (!unlock && s.lock_count >= s.lock_capacity) return KS_FAIL(kFile, DB_ERR_LOCK_OVERFLOW);
-  int32_t rc = FileSeek(handle, offset);
-  if (rc < 0) return KS_PASS(kFile, rc);
+  // Locking moves the file position to the region, as callers expect.
+  if (!SeekTo(handle, offset)) {
+    int32_t rc = KS_FAIL(kFile, DB_ERR_SEEK_REFUSED);  // reported as FileSeek does
+    return KS_PASS(kFile, rc);
+  }
   // At least one attempt; retries follow at once, without a pause.
   int32_t attempts = s.lock_retry_count > 1 ? s.lock_retry_count : 1;
   short type = LockTypeFor(handle, unlock != 0);

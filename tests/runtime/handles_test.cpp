@@ -1,0 +1,189 @@
+// The handle table: sizing by DBInitialize, slot allocation and checks, and
+// DBTerminate closing what is still open through the registered routines.
+#include <sys/resource.h>
+
+#include <vector>
+
+#include "runtime/handles.h"
+#include "runtime_fixture.h"
+
+namespace kestrel::test {
+namespace {
+
+// A control block that owns memory of its own, so leaks show in the counts.
+struct TestBlock : ControlBlock {
+  Buffer payload;
+  int32_t tag = 0;
+};
+
+int32_t Open(int kind, TestBlock** block = nullptr) {
+  int32_t handle = -7;
+  TestBlock* b = nullptr;
+  int32_t rc = AllocateHandle(&handle, kind, &b);
+  if (rc < 0) {
+    EXPECT_EQ(handle, -1);
+    EXPECT_EQ(b, nullptr);
+    return rc;
+  }
+  EXPECT_TRUE(b->payload.Allocate(64));
+  if (block) *block = b;
+  return handle;
+}
+
+using HandleTest = RuntimeTest;
+
+TEST_F(HandleTest, InitializeSizesTheTableAndLockBuffer) {
+  EXPECT_EQ(DBInitialize(4, 0), -213);
+  EXPECT_EQ(DBInitialize(-1, 0), -213);
+  EXPECT_EQ(DBInitialize(40, 0), 0);
+  int32_t used = -1, capacity = -1;
+  EXPECT_EQ(DBGetLockCount(&used, &capacity), 0);
+  EXPECT_EQ(used, 0);
+  EXPECT_EQ(capacity, 70);
+  EXPECT_EQ(State().slot_count, 35);
+  for (int i = 0; i < 35; ++i) EXPECT_EQ(Open(DB_KIND_TABLE), i);
+  EXPECT_EQ(Open(DB_KIND_TABLE), -208);
+  EXPECT_EQ(State().open_objects, 35);
+}
+
+TEST_F(HandleTest, FiveHandlesLeaveNoSlots) {
+  ASSERT_EQ(DBInitialize(5, 0), 0);
+  EXPECT_EQ(Open(DB_KIND_TABLE), -208);
+  EXPECT_EQ(DBGetErrorCode(), -208);
+  int32_t used = -1, capacity = -1;
+  EXPECT_EQ(DBGetLockCount(&used, &capacity), 0);
+  EXPECT_EQ(capacity, 0);
+  EXPECT_EQ(CheckHandle(0, DB_KIND_TABLE), -213);
+}
+
+TEST_F(HandleTest, DateStyleFromFlagsAndHandleRequest) {
+  EXPECT_EQ(DBInitialize(20, 4), 0);
+  EXPECT_EQ(State().default_date_style, 4);
+  EXPECT_EQ(DBInitialize(20, 1), 0);
+  EXPECT_EQ(State().default_date_style, 2);
+  // 0x109: style 9 is out of 2..5, and 20 file handles are asked for.
+  EXPECT_EQ(DBInitialize(20, 0x109), 0);
+  EXPECT_EQ(State().default_date_style, 2);
+  EXPECT_EQ(State().slot_count, 15);
+  struct rlimit rl;
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &rl), 0);
+  EXPECT_GE(rl.rlim_cur, 20u);
+}
+
+TEST_F(HandleTest, LowestFreeSlotIsReused) {
+  EXPECT_EQ(Open(DB_KIND_TABLE), 0);
+  EXPECT_EQ(Open(DB_KIND_DBT_MEMO), 1);
+  EXPECT_EQ(Open(DB_KIND_NTX_INDEX), 2);
+  DBSetErrorCode(-206);
+  ReleaseHandle(1);
+  EXPECT_EQ(State().open_objects, 2);
+  EXPECT_EQ(Open(DB_KIND_FOX_INDEX), 1);
+  EXPECT_EQ(DBGetErrorCode(), 0);  // a taken slot resets the code
+  EXPECT_EQ(CheckHandle(1, DB_KIND_FOX_INDEX), 0);
+}
+
+TEST_F(HandleTest, KindsOneToEightOnly) {
+  for (int kind : {2, 6}) EXPECT_GE(Open(kind), 0) << "reserved kind " << kind;
+  for (int kind : {0, 9, -1, 255}) EXPECT_EQ(Open(kind), -256) << "kind " << kind;
+  EXPECT_EQ(State().open_objects, 2);
+}
+
+TEST_F(HandleTest, NullArgumentsAreRefused) {
+  TestBlock* block = nullptr;
+  EXPECT_EQ(AllocateHandle(nullptr, DB_KIND_TABLE, &block), -221);
+  int32_t handle = 3;
+  EXPECT_EQ(AllocateHandle(&handle, DB_KIND_TABLE, static_cast<TestBlock**>(nullptr)), -221);
+  EXPECT_EQ(handle, -1);
+  EXPECT_EQ(State().open_objects, 0);
+}
+
+TEST_F(HandleTest, BadFreeOutOfRangeAndWrongKindHandles) {
+  TestBlock* block = nullptr;
+  int32_t h = Open(DB_KIND_TABLE, &block);
+  ASSERT_EQ(h, 0);
+  block->tag = 77;
+  TestBlock* found = nullptr;
+  EXPECT_EQ(CheckHandle(h, DB_KIND_TABLE, &found), 0);
+  EXPECT_EQ(found->tag, 77);
+  EXPECT_EQ(CheckHandle(-1, DB_KIND_TABLE), -213);
+  EXPECT_EQ(CheckHandle(15, DB_KIND_TABLE), -213);  // equal to the slot count
+  EXPECT_EQ(CheckHandle(14, DB_KIND_TABLE), -213);  // free slot
+  EXPECT_EQ(CheckHandle(1, DB_KIND_FREE), -213);    // free slot asked as free
+  EXPECT_EQ(CheckHandle(h, DB_KIND_NTX_INDEX), -213);
+  EXPECT_EQ(DBGetErrorCode(), -213);
+  ReleaseHandle(h);
+  EXPECT_EQ(CheckHandle(h, DB_KIND_TABLE), -213);
+}
+
+TEST_F(HandleTest, ControlBlockShortageLeavesNoSlotAndNoLeak) {
+  long before = kestrel::testing::LiveAllocations();
+  kestrel::testing::FailAllocation(1);
+  EXPECT_EQ(Open(DB_KIND_TABLE), -203);
+  EXPECT_EQ(kestrel::testing::LiveAllocations(), before);
+  EXPECT_EQ(State().open_objects, 0);
+  EXPECT_EQ(Open(DB_KIND_TABLE), 0);
+}
+
+// Close routines that record the order in which DBTerminate calls them.
+std::vector<int32_t> g_closed;
+std::vector<int32_t> g_code_at_close;
+
+int32_t CloseAndRelease(int32_t handle) {
+  g_closed.push_back(handle);
+  g_code_at_close.push_back(DBGetErrorCode());
+  ReleaseHandle(handle);
+  return DBSetErrorCode(-211);  // a failing close must not stop the loop
+}
+
+int32_t CloseWithoutRelease(int32_t handle) {
+  g_closed.push_back(1000 + handle);
+  g_code_at_close.push_back(DBGetErrorCode());
+  return DBSetErrorCode(-211);
+}
+
+TEST_F(HandleTest, TerminateClosesInSlotOrderThroughRegisteredRoutines) {
+  g_closed.clear();
+  g_code_at_close.clear();
+  long before = kestrel::testing::LiveAllocations();
+  RegisterCloseRoutine(DB_KIND_TABLE, &CloseAndRelease);
+  RegisterCloseRoutine(DB_KIND_DBT_MEMO, &CloseWithoutRelease);
+  ASSERT_EQ(Open(DB_KIND_DBT_MEMO), 0);
+  ASSERT_EQ(Open(DB_KIND_TABLE), 1);
+  ASSERT_EQ(Open(DB_KIND_NTX_INDEX), 2);  // no routine registered: only freed
+  ASSERT_EQ(Open(DB_KIND_TABLE), 3);
+  ASSERT_EQ(Open(DB_KIND_DBT_MEMO), 4);
+  ReleaseHandle(3);
+  DBSetErrorCode(-233);
+  EXPECT_EQ(DBTerminate(), 0);
+  EXPECT_EQ(g_closed, (std::vector<int32_t>{1000, 1, 1004}));
+  EXPECT_EQ(g_code_at_close, (std::vector<int32_t>{0, 0, 0}));
+  EXPECT_EQ(DBGetErrorCode(), 0);
+  EXPECT_EQ(State().slot_count, 0);
+  EXPECT_EQ(State().open_objects, 0);
+  // Every block is gone, the two tables of the library included.
+  EXPECT_EQ(kestrel::testing::LiveAllocations(), before - 2);
+
+  // DBInitialize clears the routines: nothing is called for a new table.
+  ASSERT_EQ(DBInitialize(20, 0), 0);
+  ASSERT_EQ(Open(DB_KIND_TABLE), 0);
+  g_closed.clear();
+  EXPECT_EQ(DBTerminate(), 0);
+  EXPECT_TRUE(g_closed.empty());
+}
+
+TEST_F(HandleTest, ReinitializeDiscardsOpenObjectsWithoutClosing) {
+  g_closed.clear();
+  RegisterCloseRoutine(DB_KIND_TABLE, &CloseAndRelease);
+  long before = kestrel::testing::LiveAllocations();
+  ASSERT_EQ(Open(DB_KIND_TABLE), 0);
+  ASSERT_EQ(Open(DB_KIND_TABLE), 1);
+  EXPECT_EQ(DBInitialize(20, 0), 0);
+  EXPECT_TRUE(g_closed.empty());
+  EXPECT_EQ(State().open_objects, 0);
+  EXPECT_EQ(CheckHandle(0, DB_KIND_TABLE), -213);
+  // Old blocks and tables are gone; only the new table and lock buffer live.
+  EXPECT_EQ(kestrel::testing::LiveAllocations(), before);
+}
+
+}  // namespace
+}  // namespace kestrel::test
