@@ -1,0 +1,100 @@
+// Pieces shared by the DBT and FPT memo engines: open-switch handling, the
+// memo lock, soft line breaks, memory the caller receives, and the names of
+// companion, work and backup files.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "runtime/file_services.h"
+#include "runtime/memory.h"
+
+namespace kestrel::memo {
+
+// Open switch bits as the memo openers see them.
+inline constexpr int32_t kSwitchReadOnly = 0x100;
+inline constexpr int32_t kSwitchWriteThrough = 0x200;
+inline constexpr int32_t kSwitchShared = 0x400;
+inline constexpr int32_t kSwitchAutoLock = 0x800;
+
+// Attribute bits kept in a memo control block (reported by the info calls),
+// besides kAttrReadOnly and kAttrShared, which FileOpen sets.
+inline constexpr uint32_t kAttrUnbuffered = 0x02;   // always: no library cache
+inline constexpr uint32_t kAttrAutoLock = 0x08;     // lock around each write
+inline constexpr uint32_t kAttrWriteThrough = 0x10; // flush every write
+
+// The memo lock: one byte far beyond the end of any real memo file, the
+// same region for both formats, so that two processes sharing a memo file
+// serialise their writes.  Like the table locks it is a marker, not a
+// protection of the bytes.
+inline constexpr uint32_t kMemoLockOffset = 0x7FFFFFFE;
+inline constexpr uint32_t kMemoLockLength = 1;
+
+// The soft line break pair written by wrapping.
+inline constexpr uint8_t kSoftBreak = 0x8D;
+inline constexpr uint8_t kLineFeed = 0x0A;
+
+// 0x800 adds 0x600 (shared, write-through); with 0x100 the 0x800 is dropped
+// again, keeping what it added.
+int32_t NormaliseSwitches(int32_t mode);
+
+// Attribute bits (besides those FileOpen sets) for a normalised switch word.
+uint32_t AttributesFor(int32_t switches);
+
+// Wraps text at soft_length characters per line by inserting 0x8D 0x0A after
+// the last blank that fits, or inside a word longer than the line.  Hard line
+// feeds start a new line.  Throws std::bad_alloc through Vec.
+void SoftWrap(const uint8_t* text, size_t length, int soft_length, Vec<uint8_t>& out);
+
+// Removes every 0x8D together with the byte after it; returns the new length.
+size_t RemoveSoftBreaks(uint8_t* text, size_t length);
+
+// A block from MemAlloc that is freed unless released to the caller.
+class OwnedBlock {
+ public:
+  OwnedBlock() = default;
+  ~OwnedBlock() { MemFree(data_); }
+  OwnedBlock(const OwnedBlock&) = delete;
+  OwnedBlock& operator=(const OwnedBlock&) = delete;
+  bool Allocate(size_t size);
+  bool Resize(size_t size);
+  uint8_t* data() { return data_; }
+  size_t size() const { return size_; }
+  uint8_t* Release() {
+    uint8_t* p = data_;
+    data_ = nullptr;
+    size_ = 0;
+    return p;
+  }
+
+ private:
+  uint8_t* data_ = nullptr;
+  size_t size_ = 0;
+};
+
+// A zero-terminated copy of a file name in library memory; false when out
+// of memory.
+bool CopyName(Buffer& to, const char* name);
+inline const char* NameOf(const Buffer& name) {
+  return name.empty() ? "" : reinterpret_cast<const char*>(name.data());
+}
+
+// Index of the first character of the base name (after the last ':', '\\'
+// or '/').
+size_t BaseNameStart(const char* path);
+// Index of the extension's '.' in the base name, or the length when none.
+size_t ExtensionStart(const char* path);
+
+// The path with its extension replaced by ext (given in upper case, with
+// its dot); the new extension takes the letter case of the old one
+// (lower case when the old extension is all lower case).  Throws bad_alloc.
+Vec<char> ReplaceExtension(const char* path, const char* ext);
+// A work file name in the directory of path: directory + n + ext (ext with
+// the letter case of path's extension), counting n from 0 until no such
+// file exists.  Throws bad_alloc.
+Vec<char> WorkFileName(const char* path, const char* ext);
+
+// Copies a name into a fixed field of an information record.
+void CopyNameField(char* field, size_t field_size, const char* name);
+
+}  // namespace kestrel::memo
