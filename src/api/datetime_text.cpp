@@ -52,7 +52,8 @@ KESTREL_API char* DBstrright(const char* text, int32_t n) {
     return nullptr;
   }
   const size_t length = std::strlen(text);
-  const size_t take = n <= 0 ? 0 : (static_cast<size_t>(n) < length ? static_cast<size_t>(n) : length);
+  const size_t take =
+      n <= 0 ? 0 : (static_cast<size_t>(n) < length ? static_cast<size_t>(n) : length);
   return CopyOut(text + length - take, take);
 }
 
@@ -66,7 +67,9 @@ KESTREL_API char* DBstrmid(const char* text, int32_t start, int32_t count) {
   if (static_cast<size_t>(start) > length) return nullptr;
   const size_t available = length - static_cast<size_t>(start) + 1;
   const size_t take =
-      count <= 0 ? 0 : (static_cast<size_t>(count) < available ? static_cast<size_t>(count) : available);
+      count <= 0
+          ? 0
+          : (static_cast<size_t>(count) < available ? static_cast<size_t>(count) : available);
   return CopyOut(text + start - 1, take);
 }
 

@@ -14,13 +14,13 @@
 namespace kestrel {
 
 enum class DateOrder : uint8_t {
-  kNone,               // no format: the style number is refused
-  kMonthDayYear,       // mm?dd?yy[yy]
-  kYearMonthDay,       // yy[yy]?mm?dd
-  kDayMonthYear,       // dd?mm?yy[yy]
-  kPackedYearMonthDay, // yyyymmdd
-  kPackedDayMonthYear, // ddmmyy
-  kYearDayOfYear,      // yyyy/ddd
+  kNone,                // no format: the style number is refused
+  kMonthDayYear,        // mm?dd?yy[yy]
+  kYearMonthDay,        // yy[yy]?mm?dd
+  kDayMonthYear,        // dd?mm?yy[yy]
+  kPackedYearMonthDay,  // yyyymmdd
+  kPackedDayMonthYear,  // ddmmyy
+  kYearDayOfYear,       // yyyy/ddd
 };
 
 struct DateStyle {

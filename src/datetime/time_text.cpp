@@ -41,7 +41,8 @@ int32_t ParseTime(const char* text, int32_t style, int32_t* hours, int32_t* minu
   if (strnlen(text, want + 1) != want) return DB_ERR_INVALID_TIME;
 
   const int32_t h = ReadDecimal(text, text + 2);
-  const int32_t m = ReadDecimal(text + (style == kTimeStyleLong ? 3 : 2), text + (style == kTimeStyleLong ? 5 : 4));
+  const int32_t m = ReadDecimal(text + (style == kTimeStyleLong ? 3 : 2),
+                                text + (style == kTimeStyleLong ? 5 : 4));
   const int32_t s = style == kTimeStyleLong ? ReadDecimal(text + 6, text + 8) : 0;
 
   // The numbers printed back must give the very same text.

@@ -6,27 +6,12 @@
 namespace kestrel {
 namespace {
 
-// Digit for an upper-case letter.
-char DigitOf(int letter) {
-  switch (letter) {
-    case 'A': case 'E': case 'H': case 'I': case 'O': case 'U': case 'W': case 'Y':
-      return '0';
-    case 'B': case 'F': case 'P': case 'V':
-      return '1';
-    case 'C': case 'G': case 'J': case 'K': case 'Q': case 'S': case 'X': case 'Z':
-      return '2';
-    case 'D': case 'T':
-      return '3';
-    case 'L':
-      return '4';
-    case 'M': case 'N':
-      return '5';
-    case 'R':
-      return '6';
-    default:
-      return '9';  // a letter outside A..Z in the current locale
-  }
-}
+// Digits of A..Z, in alphabetical order.
+constexpr char kDigits[] = "01230120022455012623010202";
+
+// Digit for an upper-case letter; a letter outside A..Z (in the current
+// locale) gets 9.
+char DigitOf(int letter) { return letter >= 'A' && letter <= 'Z' ? kDigits[letter - 'A'] : '9'; }
 
 }  // namespace
 
