@@ -1,0 +1,156 @@
+// The record cache of a buffered table: one window of consecutive records,
+// read from the file in one call and written back in one call.
+//
+// Capacity: 8 records when 8 x record length lies in 512..16384 bytes, else
+// 512 / record length (short records) or 16384 / record length (long ones).
+// When the window is not full it ends at the last record of the file, so an
+// append goes into the next free slot.
+//
+// Write-back of an exclusive table writes only the window when a dirty window
+// is replaced; the header (count, date, deleted-record chain) and the end
+// marker follow at the next flush or close, since no other program can look
+// at the file in between.  A shared table writes them with every window.
+#include <algorithm>
+#include <cstring>
+
+#include "runtime/boundary.h"
+#include "table/table_control.h"
+
+namespace kestrel::table {
+namespace {
+constexpr ModulePath kDopen = KS_ENGINE_MODULE("DOPEN");
+constexpr ModulePath kDbfrsz = KS_ENGINE_MODULE("DBFRSZ");
+
+// Writes the end-of-file marker after the last record: one 0x1A byte, or in
+// dialect 7 a whole record of them.
+int32_t WriteEndMarker(TableControl* t) {
+  static const uint8_t kMarks[256] = {
+#define KS_EOF16 0x1A, 0x1A, 0x1A, 0x1A, 0x1A, 0x1A, 0x1A, 0x1A, 0x1A, 0x1A, 0x1A, 0x1A, 0x1A, 0x1A, 0x1A, 0x1A
+      KS_EOF16, KS_EOF16, KS_EOF16, KS_EOF16, KS_EOF16, KS_EOF16, KS_EOF16, KS_EOF16,
+      KS_EOF16, KS_EOF16, KS_EOF16, KS_EOF16, KS_EOF16, KS_EOF16, KS_EOF16, KS_EOF16,
+#undef KS_EOF16
+  };
+  uint32_t length = t->RecordLength();
+  uint64_t at = t->HeaderLength() + static_cast<uint64_t>(t->RecordCount()) * length;
+  uint32_t total = 1;
+  if (t->dialect == 7) {
+    if (length == 0) return 0;
+    total = length;
+  }
+  while (total > 0) {
+    uint32_t n = std::min<uint32_t>(total, sizeof kMarks);
+    int32_t rc = FileWriteAt(t->file, at, kMarks, n, t->write_through);
+    if (rc < 0) return rc;
+    at += n;
+    total -= n;
+  }
+  return 0;
+}
+}  // namespace
+
+int32_t DefaultCacheCapacity(uint32_t record_length) { return CacheCapacityFor(record_length); }
+
+bool AllocateCache(TableControl* t, int32_t capacity) {
+  uint64_t bytes = static_cast<uint64_t>(capacity) * t->RecordLength();
+  if (bytes == 0) bytes = 1;
+  void* block = MemAlloc(bytes);
+  if (!block) return false;
+  MemFree(t->cache);
+  t->cache = static_cast<uint8_t*>(block);
+  t->cache_bytes = static_cast<uint32_t>(bytes);
+  t->cache_capacity = capacity;
+  ResetCache(t);
+  return true;
+}
+
+void ResetCache(TableControl* t) {
+  t->cache_first = 0;
+  t->cache_count = 0;
+  t->dirty = 0;
+}
+
+uint8_t* CachedRecord(TableControl* t, uint32_t n) {
+  if (t->cache_count == 0 || t->cache_first == 0) return nullptr;
+  uint32_t first = static_cast<uint32_t>(t->cache_first);
+  if (n < first || n - first >= static_cast<uint32_t>(t->cache_count)) return nullptr;
+  return t->cache + static_cast<size_t>(n - first) * t->RecordLength();
+}
+
+int32_t LoadWindow(TableControl* t, uint32_t n) {
+  if (CachedRecord(t, n)) return 0;
+  if (t->dirty) {
+    int32_t rc = WriteBack(t, t->Shared(), false);
+    if (rc < 0) return KS_PASS(kDopen, rc);
+  }
+  uint32_t count = t->RecordCount();
+  if (n < 1 || n > count) return KS_FAIL(kDopen, DB_ERR_SEEK);
+  uint32_t length = t->RecordLength();
+  uint32_t records = std::min<uint32_t>(static_cast<uint32_t>(t->cache_capacity), count - n + 1);
+  uint64_t at = t->RecordOffset(n);
+  ResetCache(t);
+  int32_t rc = FileReadAt(t->file, at, t->cache, static_cast<size_t>(records) * length);
+  if (rc < 0) {
+    // The header may promise more records than the file holds: keep the
+    // whole records that are there; record n itself must be one of them.
+    uint64_t size = 0;
+    if (FileSize(t->file, &size) < 0 || length == 0 || size < at + length) {
+      return KS_FAIL(kDopen, DB_ERR_READ);
+    }
+    records = static_cast<uint32_t>(std::min<uint64_t>(records, (size - at) / length));
+    rc = FileReadAt(t->file, at, t->cache, static_cast<size_t>(records) * length);
+    if (rc < 0) return KS_FAIL(kDopen, rc);
+  }
+  t->cache_first = static_cast<int32_t>(n);
+  t->cache_count = static_cast<int32_t>(records);
+  return 0;
+}
+
+int32_t WriteBack(TableControl* t, bool header, bool sync) {
+  int32_t rc = 0;
+  if (t->dirty && t->cache_count > 0 && t->cache_first > 0) {
+    size_t bytes = static_cast<size_t>(t->cache_count) * t->RecordLength();
+    rc = FileWriteAt(t->file, t->RecordOffset(static_cast<uint32_t>(t->cache_first)), t->cache,
+                     bytes, 0);
+    if (rc < 0) return KS_FAIL(kDopen, rc);
+  }
+  t->dirty = 0;
+  if (header && t->pending) {
+    bool appended = (t->pending & kPendingAppend) != 0;
+    rc = WriteHeader(t, appended);
+    if (rc < 0) return KS_PASS(kDopen, rc);
+    if (appended) {
+      rc = WriteEndMarker(t);
+      if (rc < 0) return KS_FAIL(kDopen, rc);
+    }
+    t->pending = 0;
+  }
+  if (sync) {
+    rc = FileFlush(t->file);
+    if (rc < 0) return KS_PASS(kDopen, rc);
+  }
+  return 0;
+}
+
+int32_t WriteEndOfFile(TableControl* t) { return WriteEndMarker(t); }
+
+int32_t SetCacheCapacity(TableControl* t, int32_t* records) {
+  if (t->dirty) {
+    int32_t rc = WriteBack(t, t->Shared(), false);
+    if (rc < 0) return KS_PASS(kDbfrsz, rc);
+  }
+  int32_t wanted = *records < 1 ? 1 : *records;
+  uint64_t bytes = static_cast<uint64_t>(wanted) * t->RecordLength();
+  void* block = bytes <= 0x7FFFFFFFu ? MemRealloc(t->cache, bytes ? bytes : 1) : nullptr;
+  if (!block) {
+    *records = t->cache_capacity;
+    return SetErrorCode(DB_WARN_PARTIAL_MEMORY);
+  }
+  t->cache = static_cast<uint8_t*>(block);
+  t->cache_bytes = static_cast<uint32_t>(bytes);
+  t->cache_capacity = wanted;
+  if (t->cache_count > wanted) t->cache_count = wanted;
+  *records = wanted;
+  return 0;
+}
+
+}  // namespace kestrel::table
