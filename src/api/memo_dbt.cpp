@@ -6,6 +6,7 @@
 #include "kestrel/kestrel_memo.h"
 #include "memo/dbt_memo.h"
 #include "memo/memo_common.h"
+#include "memo/memo_pack.h"
 #include "runtime/boundary.h"
 #include "runtime/handles.h"
 #include "runtime/status.h"
@@ -206,4 +207,8 @@ KESTREL_API int32_t DBxbGetMemoInfo(int32_t handle, DBXBMEMOINFO* info) {
     info->free_runs = stats.runs;
     return 0;
   });
+}
+
+KESTREL_API int32_t DBxbPackMemo(int32_t table_handle, int32_t* memo_handle) {
+  return Guarded([&]() -> int32_t { return PackDbt(table_handle, memo_handle); });
 }

@@ -5,6 +5,7 @@
 #include "kestrel/kestrel_memo.h"
 #include "memo/fpt_memo.h"
 #include "memo/memo_common.h"
+#include "memo/memo_pack.h"
 #include "runtime/boundary.h"
 #include "runtime/handles.h"
 #include "runtime/status.h"
@@ -219,4 +220,8 @@ KESTREL_API int32_t DBfpZapMemo(int32_t handle) {
       return 0;
     });
   });
+}
+
+KESTREL_API int32_t DBfpPackMemo(int32_t table_handle, int32_t* memo_handle) {
+  return Guarded([&]() -> int32_t { return PackFpt(table_handle, memo_handle); });
 }

@@ -163,9 +163,12 @@ int32_t ReadIvMemoHeader(DbtMemo& m, uint32_t b, size_t* length, ModulePath modu
 }
 
 // First-fit search of the free chain for a run of at least `need` blocks.
-// The run is unlinked (the whole run is taken); *found is 0 when none fits.
-int32_t TakeFreeRun(DbtMemo& m, uint32_t need, uint32_t* found, uint32_t* next_free) {
+// The run is unlinked (the whole run is taken); *found is 0 when none fits,
+// and then *tail is the last run of the chain (0 when the chain is empty).
+int32_t TakeFreeRun(DbtMemo& m, uint32_t need, uint32_t* found, uint32_t* next_free,
+                    uint32_t* tail) {
   *found = 0;
+  *tail = 0;
   uint32_t prev = 0;  // 0: the head lives in the file header
   uint32_t h = *next_free;
   for (uint32_t steps = 0; BlockInFile(m, h); ++steps) {
@@ -195,6 +198,7 @@ int32_t TakeFreeRun(DbtMemo& m, uint32_t need, uint32_t* found, uint32_t* next_f
       return 0;
     }
     prev = h;
+    *tail = h;
     h = next;
   }
   return 0;
@@ -290,13 +294,29 @@ int32_t WriteIv(DbtMemo& m, uint32_t replace_block, const uint8_t* text, size_t 
   Vec<uint8_t> image(static_cast<size_t>(blocks) * bs, 0);
   uint32_t next_free = m.next_free;
   uint32_t target = 0;
-  int32_t rc = TakeFreeRun(m, blocks, &target, &next_free);
+  uint32_t tail = 0;
+  int32_t rc = TakeFreeRun(m, blocks, &target, &next_free, &tail);
   if (rc < 0) return rc;
   uint32_t count = m.block_count;
   if (target == 0) {
     target = m.block_count;
     if (static_cast<uint64_t>(target) + blocks > 0xFFFFFFFFu) return KS_FAIL(kPut, DB_ERR_WRITE);
-    if (next_free == target) next_free = target + blocks;
+    if (next_free == target) {
+      next_free = target + blocks;
+    } else if (tail != 0) {
+      // The chain ends with a pointer to the end of the file, where this memo
+      // goes: move that pointer on to the new end, or a run freed there later
+      // would close the chain into a loop.
+      uint8_t link[4];
+      uint64_t at = static_cast<uint64_t>(tail) * bs + kRunNextOffset;
+      rc = FileReadAt(m.file, at, link, sizeof link);
+      if (rc < 0) return KS_PASS(kPut, rc);
+      if (LoadLE32(link) == target) {
+        StoreLE32(link, target + blocks);
+        rc = FileWriteAt(m.file, at, link, sizeof link, FlushFlag(m));
+        if (rc < 0) return KS_PASS(kPut, rc);
+      }
+    }
     count = target + blocks;
   }
   std::memcpy(image.data(), kMemoMark, sizeof kMemoMark);
@@ -327,6 +347,7 @@ int32_t WriteIv(DbtMemo& m, uint32_t replace_block, const uint8_t* text, size_t 
 }  // namespace
 
 int32_t DbtCreate(const char* name, int32_t blocks, int32_t dialect) {
+  Succeed();  // the file services report the current code on success
   if (!name) return KS_FAIL(kCreate, DB_ERR_NULL);
   if (blocks < 1 || blocks > 32) return KS_FAIL(kCreate, DB_ERR_PAGE_SIZE);
   FileHandle file = kNoFile;
@@ -359,6 +380,7 @@ int32_t DbtReadHeader(DbtMemo& m) {
 }
 
 int32_t DbtOpen(int32_t* handle, const char* name, int32_t mode) {
+  Succeed();  // the file services report the current code on success
   if (!handle || !name) {
     if (handle) *handle = -1;
     return KS_FAIL(kOpen, DB_ERR_NULL);

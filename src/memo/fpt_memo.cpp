@@ -51,6 +51,7 @@ bool ValidBlock(const FptMemo& m, uint32_t block) {
 }  // namespace
 
 int32_t FptCreate(const char* name, int32_t block_code) {
+  Succeed();  // the file services report the current code on success
   if (!name) return KS_FAIL(kCreate, DB_ERR_NULL);
   if (block_code < 1 || block_code > 511) return KS_FAIL(kCreate, DB_ERR_PAGE_SIZE);
   uint32_t bs = block_code <= 32 ? static_cast<uint32_t>(block_code) * 512u
@@ -86,6 +87,7 @@ int32_t FptReadHeader(FptMemo& m) {
 }
 
 int32_t FptOpen(int32_t* handle, const char* name, int32_t switches) {
+  Succeed();  // the file services report the current code on success
   if (!handle || !name) {
     if (handle) *handle = -1;
     return KS_FAIL(kOpen, DB_ERR_NULL);

@@ -1,0 +1,304 @@
+// Memo file pack (memo_pack.h).
+#include "memo/memo_pack.h"
+
+#include <cstdio>
+#include <cstring>
+
+#include "kestrel/kestrel_table.h"
+#include "memo/dbt_memo.h"
+#include "memo/fpt_memo.h"
+#include "memo/memo_common.h"
+#include "runtime/file_services.h"
+#include "runtime/handles.h"
+#include "runtime/status.h"
+
+namespace kestrel::memo {
+namespace {
+
+constexpr ModulePath kDbtPack = KS_ENGINE_MODULE("TPACK");
+constexpr ModulePath kFptPack = KS_ENGINE_MODULE("WPACK");
+
+constexpr int kMemoFieldWidth = 10;
+constexpr uint32_t kTableAttrReadOnly = 0x01;
+constexpr uint32_t kTableAttrShared = 0x04;
+
+// A memo field: its offset in the record.
+struct MemoField {
+  int32_t offset;
+};
+
+// A memo field of a record that gets a new block number.
+struct Change {
+  int32_t recno;
+  int32_t offset;
+  uint32_t block;
+};
+
+// Parses a 10-character block number: blanks around decimal digits.  Any
+// other content, or a blank field, gives 0 (no memo).
+uint32_t ParseBlock(const uint8_t* field) {
+  int i = 0;
+  while (i < kMemoFieldWidth && field[i] == ' ') ++i;
+  uint64_t value = 0;
+  int digits = 0;
+  for (; i < kMemoFieldWidth && field[i] >= '0' && field[i] <= '9'; ++i, ++digits) {
+    value = value * 10 + static_cast<uint64_t>(field[i] - '0');
+  }
+  while (i < kMemoFieldWidth && field[i] == ' ') ++i;
+  if (i != kMemoFieldWidth || digits == 0 || value > 0xFFFFFFFFu) return 0;
+  return static_cast<uint32_t>(value);
+}
+
+void StoreBlock(uint8_t* field, uint32_t block) {
+  char text[kMemoFieldWidth + 1];
+  std::snprintf(text, sizeof text, "%10lu", static_cast<unsigned long>(block));
+  std::memcpy(field, text, kMemoFieldWidth);
+}
+
+// The table side of a pack: the memo fields and the record buffer.
+struct TableView {
+  int32_t handle;
+  bool shared;
+  int32_t record_count;
+  uint8_t* record;
+  Vec<MemoField> fields;
+};
+
+int32_t OpenTableView(int32_t table, TableView& view, ModulePath module) {
+  view.handle = table;
+  DBFILEINFO info{};
+  int32_t rc = DBGetFileInfo(table, &info);
+  if (rc < 0) return KS_PASS(module, rc);
+  if (info.attributes & kTableAttrReadOnly) return KS_FAIL(module, DB_ERR_READ_ONLY);
+  view.shared = (info.attributes & kTableAttrShared) != 0;
+  DBRECORDINFO record{};
+  rc = DBGetRecordInfo(table, &record);
+  if (rc < 0) return KS_PASS(module, rc);
+  view.record = static_cast<uint8_t*>(record.record_buffer);
+  Vec<DBFIELD> fields(static_cast<size_t>(record.field_count > 0 ? record.field_count : 0));
+  int32_t widest = 0;
+  if (!fields.empty()) {
+    rc = DBGetFileDescription(table, &widest, fields.data());
+    if (rc < 0) return KS_PASS(module, rc);
+  }
+  int32_t offset = 1;  // the deletion flag comes first
+  for (const DBFIELD& f : fields) {
+    if ((f.type & 0xFF) == 'M' && f.length == kMemoFieldWidth) view.fields.push_back({offset});
+    offset += f.length;
+  }
+  return 0;
+}
+
+// Calls copy(old_block, &new_block) for every memo of every active record
+// and collects the changes.
+template <class Copy>
+int32_t CollectChanges(TableView& view, Vec<Change>& changes, ModulePath module, Copy&& copy) {
+  int32_t rc = DBGetRecordCount(view.handle, &view.record_count);
+  if (rc < 0) return KS_PASS(module, rc);
+  if (view.fields.empty()) return 0;
+  for (int32_t r = 1; r <= view.record_count; ++r) {
+    rc = DBGetRecord(view.handle, r);
+    if (rc < 0) return KS_PASS(module, rc);
+    if (view.record[0] != ' ') continue;
+    for (const MemoField& f : view.fields) {
+      uint32_t old_block = ParseBlock(view.record + f.offset);
+      if (old_block == 0) continue;
+      uint32_t new_block = 0;
+      rc = copy(old_block, &new_block);
+      if (rc < 0) return KS_PASS(module, rc);
+      changes.push_back({r, f.offset, new_block});
+    }
+  }
+  return 0;
+}
+
+int32_t RewriteRecords(TableView& view, const Vec<Change>& changes, ModulePath module) {
+  size_t i = 0;
+  while (i < changes.size()) {
+    int32_t recno = changes[i].recno;
+    int32_t rc = DBGetRecord(view.handle, recno);
+    if (rc < 0) return KS_PASS(module, rc);
+    bool changed = false;
+    for (; i < changes.size() && changes[i].recno == recno; ++i) {
+      uint8_t* field = view.record + changes[i].offset;
+      if (ParseBlock(field) != changes[i].block) {
+        StoreBlock(field, changes[i].block);
+        changed = true;
+      }
+    }
+    if (changed) {
+      int32_t r = recno;
+      rc = DBPutRecord(view.handle, &r, DB_RECORD_REPLACE);
+      if (rc < 0) return KS_PASS(module, rc);
+    }
+  }
+  int32_t rc = DBFlushFile(view.handle);
+  if (rc < 0) return KS_PASS(module, rc);
+  return 0;
+}
+
+// Holds the table's file lock for the pack when the table is shared.
+class TableLock {
+ public:
+  explicit TableLock(const TableView& view) : view_(view) {}
+  ~TableLock() {
+    if (held_) DBUnLockAll(view_.handle);
+  }
+  TableLock(const TableLock&) = delete;
+  TableLock& operator=(const TableLock&) = delete;
+  int32_t Take() {
+    if (!view_.shared) return 0;
+    int32_t rc = DBLockFile(view_.handle);
+    if (rc < 0) return rc;
+    held_ = true;
+    return 0;
+  }
+
+ private:
+  const TableView& view_;
+  bool held_ = false;
+};
+
+// Replaces the memo file by the work file, keeping the old one as backup.
+int32_t SwapFiles(const char* memo_name, const char* work_name, ModulePath module) {
+  Vec<char> backup = ReplaceExtension(memo_name, ".BKT");
+  FileDelete(backup.data());  // a missing backup is no failure
+  Succeed();
+  int32_t rc = FileRename(backup.data(), memo_name);
+  if (rc != 0) return KS_PASS(module, rc < 0 ? rc : DB_ERR_ACCESS_DENIED);
+  rc = FileRename(memo_name, work_name);
+  if (rc != 0) return KS_PASS(module, rc < 0 ? rc : DB_ERR_ACCESS_DENIED);
+  return 0;
+}
+
+}  // namespace
+
+int32_t PackDbt(int32_t table, int32_t* memo_handle) {
+  const ModulePath module = kDbtPack;
+  if (!memo_handle) return KS_FAIL(module, DB_ERR_NULL);
+  DbtMemo* old_memo = nullptr;
+  int32_t rc = CheckHandle(*memo_handle, DB_KIND_DBT_MEMO, &old_memo);
+  if (rc < 0) return KS_FAIL(module, rc);
+  if (old_memo->attributes & kAttrReadOnly) return KS_FAIL(module, DB_ERR_READ_ONLY);
+  Succeed();
+  TableView view{};
+  rc = OpenTableView(table, view, module);
+  if (rc < 0) return rc;
+  TableLock table_lock(view);
+  rc = table_lock.Take();
+  if (rc < 0) return KS_PASS(module, rc);
+  rc = DbtLock(*old_memo);
+  if (rc < 0) return KS_PASS(module, rc);
+
+  // 1. Copy the live memos into a work file.
+  Vec<char> memo_name(NameOf(old_memo->name), NameOf(old_memo->name) + old_memo->name.size());
+  if (memo_name.empty() || memo_name.back() != '\0') memo_name.push_back('\0');
+  Vec<char> work_name = WorkFileName(memo_name.data(), ".DBT");
+  int32_t blocks = static_cast<int32_t>(old_memo->block_size / kPlainBlockSize);
+  rc = DbtCreate(work_name.data(), blocks < 1 ? 1 : blocks, old_memo->dialect);
+  if (rc < 0) return KS_PASS(module, rc);
+  int32_t work_handle = -1;
+  rc = DbtOpen(&work_handle, work_name.data(), old_memo->dialect);
+  if (rc < 0) {
+    FileDelete(work_name.data());
+    return KS_PASS(module, rc);
+  }
+  DbtMemo* work = nullptr;
+  CheckHandle(work_handle, DB_KIND_DBT_MEMO, &work);
+  Vec<Change> changes;
+  rc = CollectChanges(view, changes, module, [&](uint32_t old_block, uint32_t* new_block) {
+    uint8_t* text = nullptr;
+    size_t length = 0;
+    int32_t r = DbtRead(*old_memo, old_block, &text, &length);
+    if (r < 0) return r;
+    r = DbtWrite(*work, 0, text, length, false, new_block);
+    MemFree(text);
+    return r;
+  });
+  DbtClose(work_handle);
+  if (rc < 0) {
+    FileDelete(work_name.data());
+    return rc;
+  }
+
+  // 2. Swap the files and reopen.
+  int32_t switches = old_memo->switches;
+  DbtClose(*memo_handle);
+  *memo_handle = -1;
+  Succeed();
+  rc = SwapFiles(memo_name.data(), work_name.data(), module);
+  if (rc < 0) return rc;
+  rc = DbtOpen(memo_handle, memo_name.data(), switches);
+  if (rc < 0) return KS_PASS(module, rc);
+
+  // 3. Point the records at the new blocks.
+  rc = RewriteRecords(view, changes, module);
+  if (rc < 0) return rc;
+  return Succeed();
+}
+
+int32_t PackFpt(int32_t table, int32_t* memo_handle) {
+  const ModulePath module = kFptPack;
+  if (!memo_handle) return KS_FAIL(module, DB_ERR_NULL);
+  FptMemo* old_memo = nullptr;
+  int32_t rc = CheckHandle(*memo_handle, DB_KIND_FPT_MEMO, &old_memo);
+  if (rc < 0) return KS_FAIL(module, rc);
+  if (old_memo->attributes & kAttrReadOnly) return KS_FAIL(module, DB_ERR_READ_ONLY);
+  Succeed();
+  TableView view{};
+  rc = OpenTableView(table, view, module);
+  if (rc < 0) return rc;
+  TableLock table_lock(view);
+  rc = table_lock.Take();
+  if (rc < 0) return KS_PASS(module, rc);
+  rc = FptLock(*old_memo);
+  if (rc < 0) return KS_PASS(module, rc);
+
+  Vec<char> memo_name(NameOf(old_memo->name), NameOf(old_memo->name) + old_memo->name.size());
+  if (memo_name.empty() || memo_name.back() != '\0') memo_name.push_back('\0');
+  Vec<char> work_name = WorkFileName(memo_name.data(), ".FPT");
+  uint32_t bs = old_memo->block_size;
+  rc = FptCreate(work_name.data(), static_cast<int32_t>(bs > 511 ? bs / 512 : bs));
+  if (rc < 0) return KS_PASS(module, rc);
+  int32_t work_handle = -1;
+  rc = FptOpen(&work_handle, work_name.data(), 0);
+  if (rc < 0) {
+    FileDelete(work_name.data());
+    return KS_PASS(module, rc);
+  }
+  FptMemo* work = nullptr;
+  CheckHandle(work_handle, DB_KIND_FPT_MEMO, &work);
+  Vec<Change> changes;
+  Buffer data;
+  rc = CollectChanges(view, changes, module, [&](uint32_t old_block, uint32_t* new_block) {
+    uint32_t type = 0;
+    uint32_t length = 0;
+    int32_t r = FptMemoHeader(*old_memo, old_block, &type, &length);
+    if (r < 0) return r;
+    uint32_t count = 0;
+    r = FptRead(*old_memo, old_block, length, false, data, true, &count);
+    if (r < 0) return r;
+    *new_block = 0;
+    // An empty memo keeps a header of its own, as the old file had it.
+    return FptWrite(*work, new_block, data.data(), count, count, type, false, false);
+  });
+  FptClose(work_handle);
+  if (rc < 0) {
+    FileDelete(work_name.data());
+    return rc;
+  }
+
+  int32_t switches = old_memo->switches;
+  FptClose(*memo_handle);
+  *memo_handle = -1;
+  Succeed();
+  rc = SwapFiles(memo_name.data(), work_name.data(), module);
+  if (rc < 0) return rc;
+  rc = FptOpen(memo_handle, memo_name.data(), switches);
+  if (rc < 0) return KS_PASS(module, rc);
+  rc = RewriteRecords(view, changes, module);
+  if (rc < 0) return rc;
+  return Succeed();
+}
+
+}  // namespace kestrel::memo
