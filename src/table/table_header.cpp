@@ -57,6 +57,7 @@ int32_t WriteHeader(TableControl* t, bool own_count) {
   }
   if (rc >= 0) {
     int32_t year = 0, month = 0, day = 0, weekday = 0;
+    SetErrorCode(0);  // the clock reports the current code on success
     rc = DBGetDate3(&year, &month, &day, &weekday);
     if (rc >= 0) {
       t->header[kHdrYear] = static_cast<uint8_t>(year % 100);

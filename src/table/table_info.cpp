@@ -92,6 +92,7 @@ extern "C" KESTREL_API int32_t DBGetLastUpdate(int32_t handle, char* buffer, int
     // The year byte is read signed: 103 (written on create in 2003) gives
     // 2003, 3 (written by a later update) gives 1903.
     int32_t year = static_cast<int8_t>(t->header[kHdrYear]) + 1900;
+    SetErrorCode(0);
     int32_t rc = DBDate3ToStr(buffer, date_style, year, t->header[kHdrMonth], t->header[kHdrDay]);
     if (rc < 0) return KS_PASS(kDlud, rc);
     return Succeed();
