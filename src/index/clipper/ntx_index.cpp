@@ -1,0 +1,618 @@
+// Creating, opening and closing .NTX files; the page cache, the header, the
+// index lock, flush, cache size and zap.
+#include "index/clipper/ntx_index.h"
+
+#include <cctype>
+#include <cstring>
+
+#include "runtime/file_services.h"
+#include "runtime/memory.h"
+
+namespace kestrel::ntx {
+namespace {
+
+constexpr ModulePath kCreate = KS_ENGINE_MODULE("CCREATE");
+constexpr ModulePath kOpen = KS_ENGINE_MODULE("COPEN");
+constexpr ModulePath kCache = KS_ENGINE_MODULE("CBFRSZ");
+constexpr ModulePath kZap = KS_ENGINE_MODULE("CZAP");
+
+// Removes every blank in place and upper-cases the rest; returns the length.
+size_t NormaliseExpression(char* text) {
+  size_t out = 0;
+  for (size_t i = 0; text[i]; ++i) {
+    if (text[i] == ' ') continue;
+    text[out++] = static_cast<char>(std::toupper(static_cast<unsigned char>(text[i])));
+  }
+  text[out] = '\0';
+  return out;
+}
+
+int32_t CloseRoutine(int32_t handle) { return CloseIndex(handle); }
+
+// Moves cache entry k to the front, shifting the entries before it down.
+void MoveToFront(NtxIndex* ix, int k) {
+  if (k == 0) return;
+  CacheEntry e = ix->cache[k];
+  std::memmove(ix->cache + 1, ix->cache, sizeof(CacheEntry) * k);
+  ix->cache[0] = e;
+}
+
+int FindEntry(const NtxIndex* ix, uint32_t offset) {
+  for (int k = 0; k < ix->in_use; ++k) {
+    if (ix->cache[k].offset == offset) return k;
+  }
+  return -1;
+}
+
+// Empties entry k, which is in use, and moves it behind the entries in use.
+void DropEntry(NtxIndex* ix, int k) {
+  CacheEntry e = ix->cache[k];
+  e.offset = 0;
+  e.state = 0;
+  int last = ix->in_use - 1;
+  std::memmove(ix->cache + k, ix->cache + k + 1, sizeof(CacheEntry) * (last - k));
+  ix->cache[last] = e;
+  --ix->in_use;
+}
+
+int32_t WritePage(NtxIndex* ix, const CacheEntry& e) {
+  int32_t rc = FileWriteAt(ix->file, e.offset, e.buffer, kPageSize, ix->write_mode);
+  if (rc < 0) return KS_FAIL(kCache, rc);
+  return 0;
+}
+
+}  // namespace
+
+NtxIndex::~NtxIndex() {
+  MemFree(file_name);
+  if (key) {
+    MemFree(key->path);
+    MemFree(key->current_key);
+    MemFree(key->expression);
+    MemFree(key);
+  }
+  if (cache) {
+    for (int i = 0; i < buffers; ++i) MemFree(cache[i].buffer);
+    MemFree(cache);
+  }
+}
+
+int32_t SelectIndex(int32_t handle, NtxIndex** index, ModulePath module) {
+  int32_t rc = CheckHandle<NtxIndex>(handle, DB_KIND_NTX_INDEX, index);
+  if (rc < 0) return KS_FAIL(module, rc);
+  return 0;
+}
+
+void ForgetPosition(NtxIndex* ix) { ix->key->level = kNoLevel; }
+
+void EmptyCache(NtxIndex* ix) {
+  for (int k = 0; k < ix->in_use; ++k) {
+    ix->cache[k].offset = 0;
+    ix->cache[k].state = 0;
+  }
+  ix->in_use = 0;
+}
+
+// ---------------------------------------------------------------- create
+
+int32_t CreateIndex(const char* file_name, int32_t key_type, char* expression, int32_t key_length,
+                    int32_t decimals) {
+  if (!file_name || !expression) return KS_FAIL(kCreate, DB_ERR_NULL);
+  size_t expr_length = NormaliseExpression(expression);
+  if (expr_length >= 255) return KS_FAIL(kCreate, DB_ERR_BAD_EXPRESSION);
+  bool unique = (key_type & 128) != 0;
+  bool descending = (key_type & 256) != 0;
+  int type = key_type & ~(128 | 256) & ~32;
+  int binary = 0;
+  if (type >= 1 && type <= 6) {
+    binary = type;
+    key_length = BinaryKeyLength(type);
+    decimals = 0;
+  } else if (type == 'C') {
+    if (key_length < 1 || key_length > kMaxKeyLength) return KS_FAIL(kCreate, DB_ERR_KEY_LENGTH);
+    decimals = 0;
+  } else if (type == 'D') {
+    key_length = 8;
+    decimals = 0;
+  } else if (type == 'N') {
+    if (key_length < 1 || key_length > 19) return KS_FAIL(kCreate, DB_ERR_KEY_LENGTH);
+    if (decimals < 0 || decimals > 15 || decimals > key_length - 2) {
+      if (decimals != 0) return KS_FAIL(kCreate, DB_ERR_DECIMALS);
+    }
+  } else {
+    return KS_FAIL(kCreate, DB_ERR_KEY_TYPE);
+  }
+  int max_items = MaxItemsFor(key_length);
+  int item_size = key_length + kItemOverhead;
+  uint8_t page[kPageSize] = {};
+  StoreLE16(page + kHdrSignature, descending ? kSignatureDescending : kSignatureAscending);
+  StoreLE16(page + kHdrVersion, 1);
+  StoreLE32(page + kHdrRoot, kPageSize);
+  StoreLE32(page + kHdrFreeList, 0);
+  StoreLE16(page + kHdrItemSize, static_cast<uint16_t>(item_size));
+  StoreLE16(page + kHdrKeyLength, static_cast<uint16_t>(key_length));
+  StoreLE16(page + kHdrDecimals, static_cast<uint16_t>(decimals));
+  StoreLE16(page + kHdrMaxItems, static_cast<uint16_t>(max_items));
+  StoreLE16(page + kHdrHalfPage, static_cast<uint16_t>(max_items / 2));
+  std::memcpy(page + kHdrExpression, expression, expr_length);
+  page[kHdrUnique] = unique ? 1 : 0;
+  page[kHdrDescending] = descending ? 1 : 0;
+  StoreLE16(page + kHdrBinaryType, static_cast<uint16_t>(binary));
+
+  SetErrorCode(0);
+  FileHandle file = kNoFile;
+  int32_t rc = FileCreate(&file, file_name);
+  if (rc < 0) return KS_PASS(kCreate, rc);
+  rc = FileWriteAt(file, 0, page, kPageSize, 0);
+  if (rc >= 0) {
+    InitPage(page, max_items, item_size);
+    rc = FileWriteAt(file, kPageSize, page, kPageSize, 0);
+  }
+  FileClose(file);
+  if (rc < 0) return KS_FAIL(kCreate, rc);
+  return Succeed();
+}
+
+// ------------------------------------------------------------------ open
+
+namespace {
+
+int32_t AllocateCache(NtxIndex* ix, int wanted) {
+  ix->cache = static_cast<CacheEntry*>(MemAlloc(sizeof(CacheEntry) * kInitialCacheCapacity));
+  if (!ix->cache) return KS_FAIL(kOpen, DB_ERR_MEMORY);
+  ix->capacity = kInitialCacheCapacity;
+  for (int i = 0; i < wanted; ++i) {
+    uint8_t* b = static_cast<uint8_t*>(MemAlloc(kPageSize));
+    if (!b) break;
+    ix->cache[i].buffer = b;
+    ++ix->buffers;
+  }
+  if (ix->buffers < kMinBuffers) return KS_FAIL(kOpen, DB_ERR_MEMORY);
+  return 0;
+}
+
+int32_t FillFromHeader(NtxIndex* ix, const uint8_t* h) {
+  int key_length = LoadLE16(h + kHdrKeyLength);
+  int item_size = LoadLE16(h + kHdrItemSize);
+  uint32_t root = LoadLE32(h + kHdrRoot);
+  int max_items = LoadLE16(h + kHdrMaxItems);
+  int half = LoadLE16(h + kHdrHalfPage);
+  if (key_length < 1 || key_length > kMaxKeyLength) return KS_FAIL(kOpen, DB_ERR_KEY_LENGTH);
+  if (item_size != key_length + kItemOverhead) return KS_FAIL(kOpen, DB_ERR_ITEM_LENGTH);
+  if (root < kPageSize || root >= ix->file_length || root % kPageSize != 0)
+    return KS_FAIL(kOpen, DB_ERR_ROOT_PAGE);
+  if (max_items != MaxItemsFor(key_length)) return KS_FAIL(kOpen, DB_ERR_MAX_KEYS);
+  if (half != max_items / 2) return KS_FAIL(kOpen, DB_ERR_MIN_KEYS);
+  const char* stored = reinterpret_cast<const char*>(h + kHdrExpression);
+  size_t expr_length = strnlen(stored, kExpressionSize);
+  if (expr_length >= static_cast<size_t>(kExpressionSize)) return KS_FAIL(kOpen, DB_ERR_BAD_EXPRESSION);
+
+  KeyDescriptor* k = static_cast<KeyDescriptor*>(MemAlloc(sizeof(KeyDescriptor)));
+  if (!k) return KS_FAIL(kOpen, DB_ERR_MEMORY);
+  ix->key = k;
+  k->root = root;
+  k->item_size = static_cast<uint16_t>(item_size);
+  k->key_length = static_cast<uint16_t>(key_length);
+  k->decimals = LoadLE16(h + kHdrDecimals);
+  k->max_items = static_cast<uint16_t>(max_items);
+  k->half_page = static_cast<uint16_t>(half);
+  if (h[kHdrUnique]) k->flags |= kFlagUnique;
+  if (h[kHdrDescending]) k->flags |= kFlagDescending;
+  uint16_t binary = LoadLE16(h + kHdrBinaryType);
+  k->binary_type = binary <= 6 ? static_cast<uint8_t>(binary) : 0;
+  k->level = kNoLevel;
+  k->current_key = static_cast<uint8_t*>(MemAlloc(key_length + 1));
+  k->expression = static_cast<char*>(MemAlloc(expr_length + 1));
+  if (!k->current_key || !k->expression) return KS_FAIL(kOpen, DB_ERR_MEMORY);
+  std::memcpy(k->expression, stored, expr_length);
+  NormaliseExpression(k->expression);
+
+  // Depth of the path stack: enough levels for 2^31 keys at minimum fill.
+  int64_t b = half + 1;
+  int64_t limit = 2147483647 / b;
+  int64_t product = 1;
+  int depth = 1;
+  while (product < limit) {
+    product *= b;
+    ++depth;
+  }
+  k->path = static_cast<PathEntry*>(MemAlloc(sizeof(PathEntry) * depth));
+  if (!k->path) return KS_FAIL(kOpen, DB_ERR_MEMORY);
+  k->depth = static_cast<uint16_t>(depth);
+  ix->version = LoadLE16(h + kHdrVersion);
+  ix->free_head = LoadLE32(h + kHdrFreeList);
+  return 0;
+}
+
+}  // namespace
+
+int32_t OpenIndex(int32_t* handle, const char* file_name, int32_t open_mode) {
+  RegisterCloseRoutine(DB_KIND_NTX_INDEX, &CloseRoutine);
+  if (!handle || !file_name) {
+    if (handle) *handle = -1;
+    return KS_FAIL(kOpen, DB_ERR_NULL);
+  }
+  NtxIndex* ix = nullptr;
+  int32_t rc = AllocateHandle<NtxIndex>(handle, DB_KIND_NTX_INDEX, &ix);
+  if (rc < 0) return KS_PASS(kOpen, rc);
+  ix->file = kNoFile;
+  SetErrorCode(0);
+
+  int32_t mode = open_mode;
+  if (mode & DB_OPEN_READONLY) mode &= ~DB_OPEN_AUTOLOCK;
+  if (mode & DB_OPEN_AUTOLOCK) mode |= DB_OPEN_SHARED | DB_OPEN_WRITETHROUGH;
+  uint32_t attributes = 0;
+  rc = FileOpen(&ix->file, file_name, mode, &attributes);
+  if (rc >= 0) {
+    if (attributes & kAttrReadOnly) ix->state |= kStateReadOnly;
+    if (attributes & kAttrShared) ix->state |= kStateShared;
+    if (mode & (DB_OPEN_WRITETHROUGH | DB_OPEN_UNBUFFERED)) ix->state |= kStateWriteThrough;
+    if (mode & DB_OPEN_WRITETHROUGH) ix->write_mode = 1;
+    if ((mode & DB_OPEN_AUTOLOCK) && IsShared(ix)) ix->state |= kStateAutoLock;
+    if (IsShared(ix)) ix->state |= kStateHeaderStale;
+    int low = mode & 0xFF;
+    if (low != 0 && low != 5 && low != 6) rc = KS_FAIL(kOpen, DB_ERR_VERSION);
+  } else {
+    ix->file = kNoFile;
+    rc = KS_PASS(kOpen, rc);
+  }
+  uint8_t header[kHeaderReadSize];
+  if (rc >= 0) {
+    uint64_t size = 0;
+    rc = FileSize(ix->file, &size);
+    if (rc < 0) rc = KS_PASS(kOpen, rc);
+    ix->file_length = size;
+  }
+  if (rc >= 0) {
+    rc = FileReadAt(ix->file, 0, header, kHeaderReadSize);
+    if (rc < 0) rc = KS_FAIL(kOpen, rc);
+  }
+  if (rc >= 0) rc = FillFromHeader(ix, header);
+  if (rc >= 0) {
+    size_t n = std::strlen(file_name);
+    ix->file_name = static_cast<char*>(MemAlloc(n + 1));
+    if (!ix->file_name) {
+      rc = KS_FAIL(kOpen, DB_ERR_MEMORY);
+    } else {
+      std::memcpy(ix->file_name, file_name, n);
+    }
+  }
+  if (rc >= 0) rc = AllocateCache(ix, IsWriteThrough(ix) ? kWriteThroughBuffers : kDefaultBuffers);
+  if (rc < 0) {
+    if (ix->file != kNoFile) FileClose(ix->file);
+    ReleaseHandle(*handle);
+    *handle = -1;
+    return SetErrorCode(rc);
+  }
+  if (ix->file_length % kPageSize != 0) return SetErrorCode(DB_WARN_FILE_LENGTH);
+  return Succeed();
+}
+
+// ----------------------------------------------------------------- close
+
+int32_t CloseIndex(int32_t handle) {
+  NtxIndex* ix = nullptr;
+  int32_t rc = SelectIndex(handle, &ix, kOpen);
+  if (rc < 0) return rc;
+  SetErrorCode(0);
+  int32_t result = 0;
+  if (!(ix->state & kStateReadOnly)) {
+    rc = FlushIndex(ix, false);
+    if (rc < 0) result = rc;
+  }
+  if (ix->lock_state == kLockHeld) {
+    FileLock(ix->file, 1, kLockOffset, kLockLength);
+    ix->lock_state = 0;
+  }
+  FileClose(ix->file);
+  ReleaseHandle(handle);
+  return SetErrorCode(result);
+}
+
+// ------------------------------------------------------------ page cache
+
+int32_t LoadPage(NtxIndex* ix, uint32_t offset, uint8_t** page, PageUse use) {
+  if (!ValidPageOffset(offset, ix->file_length)) return KS_FAIL(kCache, DB_ERR_SEEK);
+  const KeyDescriptor* k = ix->key;
+  int found = FindEntry(ix, offset);
+  if (found >= 0) {
+    CacheEntry& e = ix->cache[found];
+    if (use == PageUse::kTree && !(e.state & kEntryValidated)) {
+      if (!PageLayoutValid(e.buffer, k->max_items, k->item_size, false)) {
+        return KS_FAIL(kCache, DB_ERR_CORRUPTED);
+      }
+      e.state |= kEntryValidated;
+    }
+    MoveToFront(ix, found);
+    *page = ix->cache[0].buffer;
+    return 0;
+  }
+  int slot = ix->in_use < ix->buffers ? ix->in_use : ix->buffers - 1;
+  CacheEntry& e = ix->cache[slot];
+  if (slot < ix->in_use && (e.state & kEntryChanged)) {
+    int32_t rc = WritePage(ix, e);
+    if (rc < 0) return rc;
+    e.state &= ~kEntryChanged;
+  }
+  bool was_in_use = slot < ix->in_use;
+  if (use == PageUse::kFresh) {
+    InitPage(e.buffer, k->max_items, k->item_size);
+  } else {
+    int32_t rc = FileReadAt(ix->file, offset, e.buffer, kPageSize);
+    bool bad = false;
+    if (rc >= 0) {
+      bad = !PageLayoutValid(e.buffer, k->max_items, k->item_size, use == PageUse::kFree);
+    }
+    if (rc < 0 || bad) {
+      e.offset = 0;
+      e.state = 0;
+      if (was_in_use) --ix->in_use;  // the evicted entry was the last in use
+      return KS_FAIL(kCache, rc < 0 ? DB_ERR_READ : DB_ERR_CORRUPTED);
+    }
+  }
+  e.offset = offset;
+  e.state = kEntryInUse | (use == PageUse::kFree ? 0 : kEntryValidated);
+  if (!was_in_use) ++ix->in_use;
+  MoveToFront(ix, slot);
+  *page = ix->cache[0].buffer;
+  return 0;
+}
+
+int32_t MarkChanged(NtxIndex* ix, uint32_t offset) {
+  if (ix->state & kStateReadOnly) return KS_FAIL(kCache, DB_ERR_READ_ONLY);
+  if (!ValidPageOffset(offset, ix->file_length)) return KS_FAIL(kCache, DB_ERR_SEEK);
+  if (ix->in_use == 0) return KS_FAIL(kCache, DB_ERR_NO_PAGES);
+  int k = FindEntry(ix, offset);
+  if (k < 0) return KS_FAIL(kCache, DB_ERR_PAGE_NOT_LOADED);
+  CacheEntry& e = ix->cache[k];
+  if (!IsWriteThrough(ix)) {
+    e.state |= kEntryChanged;
+    ix->header_changed = 1;
+    return 0;
+  }
+  int32_t rc = WritePage(ix, e);
+  if (rc < 0) return rc;
+  if (IsShared(ix) && ix->lock_state != kLockHeld) {
+    DropEntry(ix, k);
+  } else {
+    e.state = kEntryInUse | (e.state & kEntryValidated);
+  }
+  return 0;
+}
+
+namespace {
+int32_t WriteFreeHead(NtxIndex* ix) {
+  uint8_t b[4];
+  StoreLE32(b, ix->free_head);
+  int32_t rc = FileWriteAt(ix->file, kHdrFreeList, b, 4, ix->write_mode);
+  if (rc < 0) return KS_FAIL(kCache, rc);
+  return 0;
+}
+}  // namespace
+
+int32_t AllocatePage(NtxIndex* ix, uint32_t* offset, uint8_t** page) {
+  int32_t rc;
+  uint32_t at;
+  if (ix->free_head == 0) {
+    uint64_t end = (ix->file_length + kPageSize - 1) / kPageSize * kPageSize;
+    if (end + kPageSize > 0xFFFFFFFFull) return KS_FAIL(kCache, DB_ERR_WRITE);
+    at = static_cast<uint32_t>(end);
+    rc = FileTruncate(ix->file, end + kPageSize);
+    if (rc < 0) return KS_FAIL(kCache, rc);
+    ix->file_length = end + kPageSize;
+    rc = LoadPage(ix, at, page, PageUse::kFresh);
+    if (rc < 0) return rc;
+  } else {
+    at = ix->free_head;
+    rc = LoadPage(ix, at, page, PageUse::kFree);
+    if (rc < 0) return rc;
+    uint32_t next = ItemChild(Item(*page, 0));
+    if (next != 0 && (!ValidPageOffset(next, ix->file_length) || next == at)) {
+      return KS_FAIL(kCache, DB_ERR_CORRUPTED);
+    }
+    ix->free_head = next;
+    if (IsWriteThrough(ix)) {
+      rc = WriteFreeHead(ix);
+      if (rc < 0) return rc;
+    }
+    InitPage(*page, ix->key->max_items, ix->key->item_size);
+    ix->cache[0].state |= kEntryValidated;
+  }
+  *offset = at;
+  ix->header_changed = 1;
+  return MarkChanged(ix, at);
+}
+
+int32_t ReleasePage(NtxIndex* ix, uint32_t offset) {
+  uint8_t* page = nullptr;
+  int32_t rc = LoadPage(ix, offset, &page, PageUse::kFree);
+  if (rc < 0) return rc;
+  SetItemChild(Item(page, 0), ix->free_head);
+  ix->free_head = offset;
+  ix->header_changed = 1;
+  if (IsWriteThrough(ix)) {
+    rc = WriteFreeHead(ix);
+    if (rc < 0) return rc;
+  }
+  return MarkChanged(ix, offset);
+}
+
+int32_t WriteHeaderFields(NtxIndex* ix, uint16_t version) {
+  uint8_t b[kHdrMutableSize];
+  StoreLE16(b, version);
+  StoreLE32(b + 2, ix->key->root);
+  StoreLE32(b + 6, ix->free_head);
+  int32_t rc = FileWriteAt(ix->file, kHdrMutableOffset, b, kHdrMutableSize, ix->write_mode);
+  if (rc < 0) return KS_FAIL(kCache, rc);
+  ix->version = version;
+  return 0;
+}
+
+// ------------------------------------------------- flush, lock, header
+
+int32_t FlushIndex(NtxIndex* ix, bool explicit_flush) {
+  if (ix->state & kStateReadOnly) return KS_FAIL(kOpen, DB_ERR_READ_ONLY);
+  int32_t rc = 0;
+  if (!IsWriteThrough(ix) && ix->header_changed) {
+    bool locked_here = false;
+    if (IsShared(ix) && ix->lock_state != kLockHeld) {
+      rc = FileLock(ix->file, 0, kLockOffset, kLockLength);
+      if (rc < 0) return KS_PASS(kOpen, rc);
+      locked_here = true;
+    }
+    for (int k = 0; k < ix->in_use && rc >= 0; ++k) {
+      // The marks stay set: such pages are written again at the next flush.
+      if (ix->cache[k].state & kEntryChanged) rc = WritePage(ix, ix->cache[k]);
+    }
+    if (rc >= 0) rc = WriteHeaderFields(ix, static_cast<uint16_t>(ix->version + 1));
+    if (rc >= 0) ix->header_changed = 0;
+    if (locked_here) FileLock(ix->file, 1, kLockOffset, kLockLength);
+    if (rc < 0) return KS_PASS(kOpen, rc);
+  }
+  rc = FileFlush(ix->file);
+  if (rc < 0) return KS_PASS(kOpen, rc);
+  if (explicit_flush && IsShared(ix)) {
+    EmptyCache(ix);
+    ForgetPosition(ix);
+  }
+  return 0;
+}
+
+int32_t RereadHeader(NtxIndex* ix) {
+  uint8_t b[kHdrMutableSize];
+  int32_t rc = FileReadAt(ix->file, kHdrMutableOffset, b, kHdrMutableSize);
+  if (rc < 0) return KS_FAIL(kOpen, rc);
+  uint64_t size = 0;
+  rc = FileSize(ix->file, &size);
+  if (rc < 0) return KS_PASS(kOpen, rc);
+  uint16_t version = LoadLE16(b);
+  uint32_t root = LoadLE32(b + 2);
+  uint32_t free_head = LoadLE32(b + 6);
+  if (!ValidPageOffset(root, size)) return KS_FAIL(kOpen, DB_ERR_ROOT_PAGE);
+  bool changed = version != ix->version || root != ix->key->root || free_head != ix->free_head ||
+                 size != ix->file_length;
+  if (changed) {
+    // Another process rewrote the index: pages held here may be stale.
+    bool dirty = false;
+    for (int k = 0; k < ix->in_use; ++k) dirty |= (ix->cache[k].state & kEntryChanged) != 0;
+    if (!dirty) {
+      EmptyCache(ix);
+      if (!IsWriteThrough(ix)) ForgetPosition(ix);
+    }
+  }
+  ix->version = version;
+  ix->key->root = root;
+  ix->free_head = free_head;
+  ix->file_length = size;
+  return 0;
+}
+
+int32_t LockIndex(NtxIndex* ix) {
+  if (!IsShared(ix) || ix->lock_state == kLockHeld) return 0;
+  int32_t rc = FileLock(ix->file, 0, kLockOffset, kLockLength);
+  if (rc < 0) return KS_PASS(kOpen, rc);
+  ix->lock_state = kLockHeld;
+  rc = RereadHeader(ix);
+  if (rc < 0) return rc;
+  ix->state &= ~kStateHeaderStale;
+  return 0;
+}
+
+int32_t UnlockIndex(NtxIndex* ix) {
+  if (!IsShared(ix)) return 0;
+  if (ix->lock_state == kLockHeld) {
+    int32_t rc = FileLock(ix->file, 1, kLockOffset, kLockLength);
+    ix->lock_state = 0;
+    ix->state |= kStateHeaderStale;
+    if (rc < 0) return KS_PASS(kOpen, rc);
+  }
+  ix->state |= kStateHeaderStale;
+  return 0;
+}
+
+// ------------------------------------------------------------ cache size
+
+int32_t CacheSize(NtxIndex* ix, int32_t* count, int32_t operation) {
+  if (!count) return KS_FAIL(kCache, DB_ERR_NULL);
+  if (operation == 1) {
+    *count = ix->buffers;
+    return 0;
+  }
+  if (operation != 0) return KS_FAIL(kCache, DB_ERR_INVALID_COMMAND);
+  if (IsWriteThrough(ix)) return 0;
+  int32_t wanted = *count;
+  if (wanted < kMinBuffers || wanted > 65535) return KS_FAIL(kCache, DB_ERR_INVALID_COMMAND);
+  if (wanted < ix->buffers) {
+    if (!(ix->state & kStateReadOnly)) {
+      int32_t rc = FlushIndex(ix, false);
+      if (rc < 0) return KS_PASS(kCache, rc);
+    }
+    for (int i = wanted; i < ix->buffers; ++i) {
+      MemFree(ix->cache[i].buffer);
+      ix->cache[i] = CacheEntry{};
+    }
+    ix->buffers = static_cast<uint16_t>(wanted);
+    if (ix->in_use > wanted) ix->in_use = static_cast<uint16_t>(wanted);
+    return 0;
+  }
+  if (wanted > ix->capacity) {
+    auto* grown = static_cast<CacheEntry*>(MemAlloc(sizeof(CacheEntry) * wanted));
+    if (!grown) {
+      *count = ix->buffers;
+      return DB_WARN_PARTIAL_MEMORY;
+    }
+    std::memcpy(grown, ix->cache, sizeof(CacheEntry) * ix->capacity);
+    MemFree(ix->cache);
+    ix->cache = grown;
+    ix->capacity = static_cast<uint16_t>(wanted);
+  }
+  while (ix->buffers < wanted) {
+    uint8_t* b = static_cast<uint8_t*>(MemAlloc(kPageSize));
+    if (!b) {
+      *count = ix->buffers;
+      return DB_WARN_PARTIAL_MEMORY;
+    }
+    ix->cache[ix->buffers].buffer = b;
+    ix->cache[ix->buffers].offset = 0;
+    ix->cache[ix->buffers].state = 0;
+    ++ix->buffers;
+  }
+  *count = ix->buffers;
+  return 0;
+}
+
+// ------------------------------------------------------------------- zap
+
+int32_t ZapIndex(NtxIndex* ix) {
+  if (ix->state & kStateReadOnly) return KS_FAIL(kZap, DB_ERR_READ_ONLY);
+  bool locked_here = false;
+  int32_t rc = 0;
+  if (IsShared(ix) && ix->lock_state != kLockHeld) {
+    if (!(ix->state & kStateAutoLock)) return KS_FAIL(kZap, DB_ERR_MUST_LOCK);
+    rc = LockIndex(ix);
+    if (rc < 0) return KS_PASS(kZap, rc);
+    locked_here = true;
+  }
+  ix->key->root = kPageSize;
+  ix->free_head = 0;
+  rc = WriteHeaderFields(ix, 1);
+  if (rc >= 0) {
+    uint8_t page[kPageSize];
+    InitPage(page, ix->key->max_items, ix->key->item_size);
+    rc = FileWriteAt(ix->file, kPageSize, page, kPageSize, ix->write_mode);
+    if (rc < 0) rc = KS_FAIL(kZap, rc);
+  }
+  if (rc >= 0) {
+    rc = FileTruncate(ix->file, 2 * kPageSize);
+    if (rc < 0) rc = KS_PASS(kZap, rc);
+  }
+  if (rc >= 0) ix->file_length = 2 * kPageSize;
+  EmptyCache(ix);
+  ForgetPosition(ix);
+  ix->key->remember = 0;
+  ix->header_changed = 0;
+  if (locked_here) UnlockIndex(ix);
+  return rc < 0 ? rc : 0;
+}
+
+}  // namespace kestrel::ntx

@@ -1,0 +1,177 @@
+// The open .NTX index: control block, key descriptor, page cache and the
+// engine operations shared by the search, update, build and checker code.
+//
+// Every engine function returns a status: 0, a warning (> 0) or an error
+// (< 0, already set as the library error code and logged).  Two internal
+// results, kPastEnd and kBeforeStart, come out of the walking routines and
+// are mapped to public codes by the exported functions; they never reach a
+// caller of the library.
+#pragma once
+
+#include <cstdint>
+
+#include "index/clipper/ntx_format.h"
+#include "runtime/handles.h"
+#include "runtime/library_state.h"
+#include "runtime/status.h"
+
+namespace kestrel::ntx {
+
+// State flags of the control block.
+inline constexpr uint32_t kStateReadOnly = 1;
+inline constexpr uint32_t kStateWriteThrough = 2;
+inline constexpr uint32_t kStateShared = 4;
+inline constexpr uint32_t kStateAutoLock = 8;
+inline constexpr uint32_t kStateHeaderStale = 32;
+
+// Index flags of the key descriptor.
+inline constexpr uint16_t kFlagUnique = 128;
+inline constexpr uint16_t kFlagDescending = 256;
+
+inline constexpr uint8_t kLockHeld = 4;
+inline constexpr uint16_t kNoLevel = 65535;
+
+// Cache entry states.
+inline constexpr uint8_t kEntryChanged = 2;
+inline constexpr uint8_t kEntryInUse = 32;
+// Internal: the page's layout was checked as a tree page.
+inline constexpr uint8_t kEntryValidated = 0x80;
+
+inline constexpr int kInitialCacheCapacity = 10;
+inline constexpr int kDefaultBuffers = 10;
+inline constexpr int kWriteThroughBuffers = 3;
+inline constexpr int kMinBuffers = 3;
+
+// Internal walk results (never returned by an exported function).
+inline constexpr int32_t kPastEnd = 0x10000;
+inline constexpr int32_t kBeforeStart = 0x10001;
+
+// Numeric key forms (see DBclSetNumericKeyForm).
+inline constexpr int32_t kNumericIntegerDigits = 0;
+inline constexpr int32_t kNumericWithDecimals = 1;
+
+struct PathEntry {
+  uint32_t page;  // page offset
+  int32_t pos;    // item position within the page
+};
+
+struct CacheEntry {
+  uint32_t offset;  // page offset, 0 when empty
+  uint8_t* buffer;  // the 1024-byte page
+  uint8_t state;    // kEntryChanged | kEntryInUse | kEntryValidated
+};
+
+struct KeyDescriptor {
+  uint32_t root;              // root page offset
+  PathEntry* path;            // one entry per level, root first
+  uint16_t depth;             // entries allocated in path
+  uint8_t* current_key;       // key_length + 1 bytes: last remembered key
+  uint32_t current_record;    // record of the last remembered key
+  char* expression;           // own copy, blanks removed, upper case
+  uint16_t level;             // current level; kNoLevel = no position
+  uint16_t remember;          // search-remember flag
+  uint16_t flags;             // kFlagUnique | kFlagDescending
+  uint16_t half_page;         // minimum keys of a non-root page
+  uint16_t max_items;         // maximum keys of a page
+  uint16_t decimals;          // decimal places of a numeric key
+  uint16_t key_length;        // key bytes
+  uint16_t item_size;         // key_length + 8
+  uint8_t binary_type;        // 0, or 1..6 for binary keys
+};
+
+struct NtxIndex : ControlBlock {
+  uint32_t state;            // kState* flags
+  FileHandle file;           // file services handle
+  int32_t write_mode;        // flush word handed to page writes
+  char* file_name;           // as given to the open
+  uint8_t lock_state;        // kLockHeld while this process holds the lock
+  uint32_t free_head;        // first free page (header offset 8)
+  uint64_t file_length;      // bytes, kept current as pages are added
+  KeyDescriptor* key;        // owned
+  CacheEntry* cache;         // cache entries, most recently used first
+  uint16_t buffers;          // page buffers allocated
+  uint16_t in_use;           // entries holding a page
+  uint16_t capacity;         // entries in the array
+  uint16_t version;          // header offset 2
+  uint8_t header_changed;    // header must be rewritten at the next flush
+  int32_t numeric_form;      // kNumericIntegerDigits or kNumericWithDecimals
+
+  ~NtxIndex() override;
+};
+
+// ---- handles and the open index (ntx_index.cpp) ----
+int32_t SelectIndex(int32_t handle, NtxIndex** index, ModulePath module);
+int32_t CreateIndex(const char* file_name, int32_t key_type, char* expression, int32_t key_length,
+                    int32_t decimals);
+int32_t OpenIndex(int32_t* handle, const char* file_name, int32_t open_mode);
+int32_t CloseIndex(int32_t handle);
+int32_t LockIndex(NtxIndex* ix);
+int32_t UnlockIndex(NtxIndex* ix);
+int32_t FlushIndex(NtxIndex* ix, bool explicit_flush);
+int32_t RereadHeader(NtxIndex* ix);
+int32_t CacheSize(NtxIndex* ix, int32_t* count, int32_t operation);
+int32_t ZapIndex(NtxIndex* ix);
+
+// ---- page services ----
+enum class PageUse { kTree, kFree, kFresh };
+// Makes the page current (cache entry 0) and returns its buffer.
+int32_t LoadPage(NtxIndex* ix, uint32_t offset, uint8_t** page, PageUse use = PageUse::kTree);
+// Marks a cached page changed (or writes it at once when write-through).
+int32_t MarkChanged(NtxIndex* ix, uint32_t offset);
+int32_t AllocatePage(NtxIndex* ix, uint32_t* offset, uint8_t** page);
+int32_t ReleasePage(NtxIndex* ix, uint32_t offset);
+// Empties the cache without writing (pages must not be changed).
+void EmptyCache(NtxIndex* ix);
+// Writes version, root and free list (10 bytes at offset 2).
+int32_t WriteHeaderFields(NtxIndex* ix, uint16_t version);
+void ForgetPosition(NtxIndex* ix);
+inline bool IsShared(const NtxIndex* ix) { return (ix->state & kStateShared) != 0; }
+inline bool IsWriteThrough(const NtxIndex* ix) { return (ix->state & kStateWriteThrough) != 0; }
+inline bool IsDescending(const NtxIndex* ix) { return (ix->key->flags & kFlagDescending) != 0; }
+inline bool IsUnique(const NtxIndex* ix) { return (ix->key->flags & kFlagUnique) != 0; }
+// Shared write-through indexes keep nothing in the cache between calls.
+inline void EndCall(NtxIndex* ix) {
+  if (IsShared(ix) && IsWriteThrough(ix)) EmptyCache(ix);
+}
+
+// ---- search and navigation (ntx_search.cpp) ----
+// The sought key prepared for comparison: key_length bytes, compare length.
+struct SearchKey {
+  const uint8_t* bytes;
+  int compare_length;
+};
+int32_t PrepareSearchKey(const NtxIndex* ix, const char* key, uint8_t* work, SearchKey* out);
+int32_t CoreSearch(NtxIndex* ix, const SearchKey& key, uint32_t record, int mode,
+                   ModulePath module);
+int32_t NextKeyStep(NtxIndex* ix, ModulePath module);
+int32_t PreviousKeyStep(NtxIndex* ix, ModulePath module);
+int32_t GoFirst(NtxIndex* ix, ModulePath module);
+int32_t GoLast(NtxIndex* ix, ModulePath module);
+// Key and record of the item at the bottom of the path.
+int32_t CurrentItem(NtxIndex* ix, const uint8_t** key, uint32_t* record, ModulePath module);
+int32_t KeySearch(NtxIndex* ix, char* key, int32_t* record, int32_t mode);
+int32_t Move(NtxIndex* ix, int32_t code, char* key, int32_t* record);
+int32_t GetCurrentKey(NtxIndex* ix, char* key, int32_t* record);
+int32_t KeyPercent(NtxIndex* ix, int32_t* percent, const char* key, int32_t record);
+int32_t KeyAtPercent(NtxIndex* ix, int32_t percent, char* key, int32_t* record);
+
+// ---- insertion and deletion (ntx_update.cpp) ----
+int32_t AddKey(NtxIndex* ix, const char* key, uint32_t record, bool insert);
+int32_t DeleteKey(NtxIndex* ix, const char* key, uint32_t record);
+
+// ---- keys (ntx_keys.cpp) ----
+// Numeric key text of key_length characters.
+int32_t NumericToKey(double value, int key_length, int decimals, int32_t form, char* key);
+double KeyToNumeric(const char* key);
+void BinaryToKey(int type, const void* value, uint8_t* key);
+void KeyToBinary(int type, const uint8_t* key, void* value);
+int BinaryKeyLength(int type);
+int32_t DateToKey(char* key, const char* date, int32_t style);
+int32_t KeyToDate(char* date, int32_t style, const char* key);
+// An evaluated value as the index's key (key_length bytes + NUL).
+int32_t ValueToKey(NtxIndex* ix, const DBEXPRVALUE& value, char* key, ModulePath module);
+// Evaluates the key expression for the table's current record; *key is a new
+// buffer from the library allocator (nullptr on failure).
+int32_t MakeKey(int32_t table, NtxIndex* ix, char** key);
+
+}  // namespace kestrel::ntx

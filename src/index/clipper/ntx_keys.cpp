@@ -1,0 +1,297 @@
+// Key conversions: numeric keys as digit texts, dates in the yyyymmdd style,
+// binary keys as order-preserving big-endian bytes; the key of a record made
+// from the index's key expression.
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "datetime/date_styles.h"
+#include "expr/evaluate.h"
+#include "index/clipper/ntx_index.h"
+#include "runtime/memory.h"
+
+namespace kestrel::ntx {
+namespace {
+
+constexpr ModulePath kMake = KS_ENGINE_MODULE("CKMAKE");
+constexpr ModulePath kDate = KS_ENGINE_MODULE("CKDATE");
+constexpr int kDateStyleDbase = 15;
+
+// The digit and point characters of a negative key: 92 minus the code.
+inline char Complement92(char c) { return static_cast<char>(92 - c); }
+
+// Adds one at position at of text, carrying toward the front over the point,
+// down to position first.  True when a carry is left over.
+bool RoundUp(char* text, int at, int first) {
+  for (int i = at; i >= first; --i) {
+    if (text[i] == '.') continue;
+    if (text[i] == '9') {
+      text[i] = '0';
+      continue;
+    }
+    if (text[i] >= '0' && text[i] < '9') {
+      ++text[i];
+      return false;
+    }
+  }
+  return true;
+}
+
+}  // namespace
+
+int BinaryKeyLength(int type) {
+  switch (type) {
+    case 1: return 8;
+    case 2: case 3: case 4: return 4;
+    case 5: case 6: return 2;
+    default: return 0;
+  }
+}
+
+int32_t NumericToKey(double value, int key_length, int decimals, int32_t form, char* key) {
+  char text[512];
+  int len = std::snprintf(text, sizeof text, "%+040.17f", value);
+  if (len <= 0 || len >= static_cast<int>(sizeof text)) return DB_ERR_BAD_DATA;
+  const char* point = std::strchr(text, '.');
+  if (!point) return DB_ERR_BAD_DATA;
+  int d = static_cast<int>(point - text);
+  bool with_decimals = form == kNumericWithDecimals && decimals > 0;
+  // First and last key positions in the text, and the last position that
+  // takes part in rounding.
+  int first, last, kept;
+  if (with_decimals) {
+    last = d + decimals;
+    first = last - key_length + 1;
+    kept = last;
+  } else {
+    last = d - 1;
+    first = d - key_length;
+    kept = decimals == 0 ? d : d + decimals + 1;
+  }
+  if (kept + 1 >= len) kept = len - 2;
+  int32_t status = 0;
+  char digit = text[kept + 1];
+  bool up = false;
+  if (digit > '5') {
+    up = true;
+  } else if (digit == '5') {
+    if (with_decimals) {
+      up = true;
+    } else {
+      for (int i = kept + 2; i <= len - 3; ++i) up |= text[i] != '0';
+    }
+  }
+  int lowest = first < 1 ? 1 : first;  // never the sign
+  if (up && RoundUp(text, kept, lowest)) status = DB_WARN_ROUNDED;
+  bool negative = text[0] == '-';
+  for (int i = 0; i < key_length; ++i) {
+    int at = first + i;
+    char c = (at >= 1 && at < len) ? text[at] : '0';
+    if (negative && c != '.') c = Complement92(c);
+    key[i] = c;
+  }
+  key[key_length] = '\0';
+  return status;
+}
+
+double KeyToNumeric(const char* key) {
+  char text[300];
+  size_t n = strnlen(key, sizeof text - 2);
+  bool negative = n > 0 && static_cast<unsigned char>(key[0]) < '0';
+  text[0] = negative ? '-' : '+';
+  for (size_t i = 0; i < n; ++i) text[i + 1] = negative ? Complement92(key[i]) : key[i];
+  text[n + 1] = '\0';
+  return std::strtod(text, nullptr);
+}
+
+void BinaryToKey(int type, const void* value, uint8_t* key) {
+  switch (type) {
+    case 1: {
+      uint64_t bits;
+      std::memcpy(&bits, value, 8);
+      bits = (bits >> 63) ? ~bits : (bits | (1ull << 63));
+      StoreBE32(key, static_cast<uint32_t>(bits >> 32));
+      StoreBE32(key + 4, static_cast<uint32_t>(bits));
+      break;
+    }
+    case 2: case 4: {
+      uint32_t bits;
+      std::memcpy(&bits, value, 4);
+      bits = (bits >> 31) ? ~bits : (bits | 0x80000000u);
+      StoreBE32(key, bits);
+      break;
+    }
+    case 3: {
+      uint32_t bits;
+      std::memcpy(&bits, value, 4);
+      StoreBE32(key, bits);
+      break;
+    }
+    case 6: {
+      uint16_t bits;
+      std::memcpy(&bits, value, 2);
+      bits = static_cast<uint16_t>((bits >> 15) ? ~bits : (bits | 0x8000u));
+      StoreBE16(key, bits);
+      break;
+    }
+    case 5: {
+      uint16_t bits;
+      std::memcpy(&bits, value, 2);
+      StoreBE16(key, bits);
+      break;
+    }
+    default:
+      break;
+  }
+}
+
+void KeyToBinary(int type, const uint8_t* key, void* value) {
+  switch (type) {
+    case 1: {
+      uint64_t bits = (static_cast<uint64_t>(LoadBE32(key)) << 32) | LoadBE32(key + 4);
+      bits = (bits >> 63) ? (bits & ~(1ull << 63)) : ~bits;
+      std::memcpy(value, &bits, 8);
+      break;
+    }
+    case 2: case 4: {
+      uint32_t bits = LoadBE32(key);
+      bits = (bits >> 31) ? (bits & 0x7FFFFFFFu) : ~bits;
+      std::memcpy(value, &bits, 4);
+      break;
+    }
+    case 3: {
+      uint32_t bits = LoadBE32(key);
+      std::memcpy(value, &bits, 4);
+      break;
+    }
+    case 6: {
+      uint16_t bits = LoadBE16(key);
+      bits = static_cast<uint16_t>((bits >> 15) ? (bits & 0x7FFFu) : ~bits);
+      std::memcpy(value, &bits, 2);
+      break;
+    }
+    case 5: {
+      uint16_t bits = LoadBE16(key);
+      std::memcpy(value, &bits, 2);
+      break;
+    }
+    default:
+      break;
+  }
+}
+
+int32_t DateToKey(char* key, const char* date, int32_t style) {
+  int32_t y = 0, m = 0, d = 0;
+  int32_t rc = ParseDate(date, style, &y, &m, &d);
+  if (rc == DB_WARN_FILE_EMPTY) {
+    std::memset(key, ' ', 8);
+  } else if (rc < 0) {
+    KS_FAIL(kDate, rc);
+  } else {
+    char text[16] = {};
+    rc = FormatDate(text, kDateStyleDbase, y, m, d);
+    if (rc < 0) KS_FAIL(kDate, rc);
+    else std::memcpy(key, text, 8);
+  }
+  key[8] = '\0';
+  return SetErrorCode(0);
+}
+
+int32_t KeyToDate(char* date, int32_t style, const char* key) {
+  char text[9] = {};
+  std::memcpy(text, key, strnlen(key, 8));
+  int32_t y = 0, m = 0, d = 0;
+  int32_t rc = ParseDate(text, kDateStyleDbase, &y, &m, &d);
+  if (rc == DB_WARN_FILE_EMPTY) {
+    std::memset(date, ' ', 8);
+    date[8] = '\0';
+  } else if (rc < 0) {
+    KS_FAIL(kDate, rc);
+    date[0] = '\0';
+  } else {
+    rc = FormatDate(date, style, y, m, d);
+    if (rc < 0) {
+      KS_FAIL(kDate, rc);
+      date[0] = '\0';
+    }
+  }
+  return SetErrorCode(0);
+}
+
+// Converts an evaluated value into the index's key bytes (key_length + 1
+// bytes, NUL-terminated).
+int32_t ValueToKey(NtxIndex* ix, const DBEXPRVALUE& v, char* key, ModulePath module) {
+  const KeyDescriptor& k = *ix->key;
+  int length = k.key_length;
+  switch (v.type) {
+    case 1: case 2: case 3: case 4: case 5: case 6: {
+      if (BinaryKeyLength(v.type) != length) return KS_FAIL(module, DB_ERR_KEY_LENGTH);
+      BinaryToKey(v.type, v.value, reinterpret_cast<uint8_t*>(key));
+      key[length] = '\0';
+      return 0;
+    }
+    case 'C': {
+      int n = v.length < 0 ? 0 : v.length;
+      n = static_cast<int>(strnlen(static_cast<const char*>(v.value), n));
+      if (n > length) n = length;
+      std::memcpy(key, v.value, n);
+      std::memset(key + n, ' ', length - n);
+      key[length] = '\0';
+      return 0;
+    }
+    case 'D': {
+      int32_t style = State().default_date_style;
+      const char* text = static_cast<const char*>(v.value);
+      if (style == kDateStyleDbase) {
+        size_t n = strnlen(text, 8);
+        std::memcpy(key, text, n);
+        std::memset(key + n, ' ', 8 - n);
+      } else {
+        int32_t y = 0, m = 0, d = 0;
+        int32_t rc = ParseDate(text, style, &y, &m, &d);
+        if (rc == DB_WARN_FILE_EMPTY) {
+          std::memset(key, ' ', 8);
+        } else if (rc < 0) {
+          return KS_FAIL(module, rc);
+        } else {
+          char out[16] = {};
+          FormatDate(out, kDateStyleDbase, y, m, d);
+          std::memcpy(key, out, 8);
+        }
+      }
+      if (length > 8) std::memset(key + 8, ' ', length - 8);
+      key[length] = '\0';
+      return 0;
+    }
+    case 'N': case 'F': {
+      double value = LoadDouble(static_cast<const uint8_t*>(v.value));
+      int32_t rc = NumericToKey(value, length, k.decimals, ix->numeric_form, key);
+      if (rc < 0) return KS_FAIL(module, rc);
+      return rc;
+    }
+    default:
+      return KS_FAIL(module, DB_ERR_BAD_EXPRESSION);
+  }
+}
+
+int32_t MakeKey(int32_t table, NtxIndex* ix, char** key) {
+  *key = nullptr;
+  char* buffer = static_cast<char*>(MemAlloc(ix->key->key_length + 1));
+  if (!buffer) return KS_FAIL(kMake, DB_ERR_MEMORY);
+  DBEXPRVALUE v{};
+  int32_t rc = EvaluateKeyExpression(table, ix->key->expression, &v);
+  if (rc < 0) {
+    MemFree(buffer);
+    return KS_PASS(kMake, rc);
+  }
+  rc = ValueToKey(ix, v, buffer, kMake);
+  MemFree(v.value);
+  if (rc < 0) {
+    MemFree(buffer);
+    return rc;
+  }
+  *key = buffer;
+  return rc;
+}
+
+}  // namespace kestrel::ntx

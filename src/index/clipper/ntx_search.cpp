@@ -1,0 +1,562 @@
+// Key search and navigation over the path stack: the core search, the
+// next- and previous-key steps, first and last key, the exported search and
+// move entries, the current key and the approximate-position functions.
+#include <cstring>
+
+#include "index/clipper/ntx_index.h"
+
+namespace kestrel::ntx {
+namespace {
+
+constexpr ModulePath kSearch = KS_ENGINE_MODULE("CKSEARCH");
+constexpr ModulePath kPercent = KS_ENGINE_MODULE("CKPERC");
+
+inline KeyDescriptor& Key(NtxIndex* ix) { return *ix->key; }
+
+// Loads the page of path level lvl.
+int32_t LoadLevel(NtxIndex* ix, int lvl, uint8_t** page, ModulePath module) {
+  int32_t rc = LoadPage(ix, ix->key->path[lvl].page, page);
+  if (rc < 0) return KS_PASS(module, rc);
+  return 0;
+}
+
+// Pushes a child page one level down at position pos and loads it.  A tree
+// deeper than the path stack, or an empty page below the root, is corrupt.
+int32_t Descend(NtxIndex* ix, uint32_t child, int pos, uint8_t** page, ModulePath module) {
+  KeyDescriptor& k = Key(ix);
+  int next = k.level + 1;
+  if (next >= k.depth) return KS_FAIL(module, DB_ERR_CORRUPTED);
+  int32_t rc = LoadPage(ix, child, page);
+  if (rc < 0) return KS_PASS(module, rc);
+  if (PageCount(*page) == 0) return KS_FAIL(module, DB_ERR_CORRUPTED);
+  k.level = static_cast<uint16_t>(next);
+  k.path[next] = PathEntry{child, pos};
+  return 0;
+}
+
+// Loads the root as level 0; 202 when it holds no keys.
+int32_t StartAtRoot(NtxIndex* ix, uint8_t** page, ModulePath module) {
+  KeyDescriptor& k = Key(ix);
+  int32_t rc = LoadPage(ix, k.root, page);
+  if (rc < 0) {
+    ForgetPosition(ix);
+    return KS_PASS(module, rc);
+  }
+  k.level = 0;
+  k.path[0] = PathEntry{k.root, 0};
+  if (PageCount(*page) == 0) return DB_WARN_FILE_EMPTY;
+  return 0;
+}
+
+int Compare(const uint8_t* a, const uint8_t* b, int n) { return n > 0 ? std::memcmp(a, b, n) : 0; }
+
+void CopyOut(const NtxIndex* ix, const uint8_t* key, uint32_t record, char* key_out,
+             int32_t* record_out) {
+  std::memcpy(key_out, key, ix->key->key_length);
+  key_out[ix->key->key_length] = '\0';
+  *record_out = static_cast<int32_t>(record);
+}
+
+void Remember(NtxIndex* ix, const uint8_t* key, uint32_t record) {
+  std::memcpy(ix->key->current_key, key, ix->key->key_length);
+  ix->key->current_key[ix->key->key_length] = 0;
+  ix->key->current_record = record;
+}
+
+bool SharedWriteThrough(const NtxIndex* ix) { return IsShared(ix) && IsWriteThrough(ix); }
+
+int32_t RefreshHeader(NtxIndex* ix, ModulePath module) {
+  if (!(ix->state & kStateHeaderStale)) return 0;
+  int32_t rc = RereadHeader(ix);
+  if (rc < 0) return KS_PASS(module, rc);
+  return 0;
+}
+
+}  // namespace
+
+int32_t PrepareSearchKey(const NtxIndex* ix, const char* key, uint8_t* work, SearchKey* out) {
+  const KeyDescriptor& k = *ix->key;
+  if (k.binary_type) {
+    std::memcpy(work, key, k.key_length);
+    out->compare_length = k.key_length;
+  } else {
+    size_t n = strnlen(key, k.key_length);
+    std::memcpy(work, key, n);
+    std::memset(work + n, ' ', k.key_length - n);
+    out->compare_length = static_cast<int>(n);
+  }
+  out->bytes = work;
+  return 0;
+}
+
+int32_t CurrentItem(NtxIndex* ix, const uint8_t** key, uint32_t* record, ModulePath module) {
+  KeyDescriptor& k = Key(ix);
+  if (k.level == kNoLevel) return DB_WARN_KEY_NOT_FOUND;
+  uint8_t* page = nullptr;
+  int32_t rc = LoadLevel(ix, k.level, &page, module);
+  if (rc < 0) return rc;
+  int pos = k.path[k.level].pos;
+  if (pos < 0 || pos >= PageCount(page)) return kPastEnd;
+  const uint8_t* item = Item(page, pos);
+  *key = ItemKey(item);
+  *record = ItemRecord(item);
+  return 0;
+}
+
+int32_t GoFirst(NtxIndex* ix, ModulePath module) {
+  uint8_t* page = nullptr;
+  int32_t rc = StartAtRoot(ix, &page, module);
+  if (rc != 0) return rc;
+  for (;;) {
+    uint32_t child = ItemChild(Item(page, 0));
+    if (child == 0) return 0;
+    rc = Descend(ix, child, 0, &page, module);
+    if (rc < 0) return rc;
+  }
+}
+
+int32_t GoLast(NtxIndex* ix, ModulePath module) {
+  KeyDescriptor& k = Key(ix);
+  uint8_t* page = nullptr;
+  int32_t rc = StartAtRoot(ix, &page, module);
+  if (rc != 0) return rc;
+  for (;;) {
+    int n = PageCount(page);
+    uint32_t child = ItemChild(Item(page, n));
+    if (child == 0) {
+      k.path[k.level].pos = n - 1;
+      return 0;
+    }
+    k.path[k.level].pos = n;
+    rc = Descend(ix, child, 0, &page, module);
+    if (rc < 0) return rc;
+  }
+}
+
+int32_t NextKeyStep(NtxIndex* ix, ModulePath module) {
+  KeyDescriptor& k = Key(ix);
+  if (k.level == kNoLevel) return GoFirst(ix, module);
+  uint8_t* page = nullptr;
+  int lvl = k.level;
+  int32_t rc = LoadLevel(ix, lvl, &page, module);
+  if (rc < 0) return rc;
+  int pos = ++k.path[lvl].pos;
+  int n = PageCount(page);
+  uint32_t child = (pos >= 0 && pos <= n) ? ItemChild(Item(page, pos)) : 0;
+  if (child != 0) {
+    for (;;) {
+      rc = Descend(ix, child, 0, &page, module);
+      if (rc < 0) return rc;
+      child = ItemChild(Item(page, 0));
+      if (child == 0) return 0;
+    }
+  }
+  if (pos >= 0 && pos < n) return 0;
+  while (lvl > 0) {
+    --lvl;
+    rc = LoadLevel(ix, lvl, &page, module);
+    if (rc < 0) return rc;
+    if (k.path[lvl].pos < PageCount(page)) {
+      k.level = static_cast<uint16_t>(lvl);
+      return 0;
+    }
+  }
+  rc = GoLast(ix, module);
+  return rc < 0 ? rc : kPastEnd;
+}
+
+int32_t PreviousKeyStep(NtxIndex* ix, ModulePath module) {
+  KeyDescriptor& k = Key(ix);
+  if (k.level == kNoLevel) return GoLast(ix, module);
+  uint8_t* page = nullptr;
+  int lvl = k.level;
+  int32_t rc = LoadLevel(ix, lvl, &page, module);
+  if (rc < 0) return rc;
+  int pos = k.path[lvl].pos;
+  int n = PageCount(page);
+  uint32_t child = (pos >= 0 && pos <= n) ? ItemChild(Item(page, pos)) : 0;
+  if (child != 0) {
+    for (;;) {
+      rc = Descend(ix, child, 0, &page, module);
+      if (rc < 0) return rc;
+      n = PageCount(page);
+      child = ItemChild(Item(page, n));
+      if (child == 0) {
+        k.path[k.level].pos = n - 1;
+        return 0;
+      }
+      k.path[k.level].pos = n;
+    }
+  }
+  if (pos > 0) {
+    k.path[lvl].pos = (pos > n ? n : pos) - 1;
+    return 0;
+  }
+  while (lvl > 0) {
+    --lvl;
+    if (--k.path[lvl].pos >= 0) {
+      k.level = static_cast<uint16_t>(lvl);
+      return 0;
+    }
+  }
+  rc = GoFirst(ix, module);
+  return rc < 0 ? rc : kBeforeStart;
+}
+
+namespace {
+
+// The search stopped on the first item that sorts after the sought key.
+int32_t StopOnItem(NtxIndex* ix, int mode, ModulePath module) {
+  switch (mode) {
+    case 1: case 2: case 11: case 12: case 13:
+      return DB_WARN_KEY_NOT_FOUND;
+    case 14: case 15: {
+      if (!IsDescending(ix)) return 0;
+      int32_t rc = PreviousKeyStep(ix, module);
+      if (rc == kBeforeStart) return DB_WARN_KEY_NOT_FOUND;
+      return rc < 0 ? rc : 0;
+    }
+    default:
+      return 0;
+  }
+}
+
+}  // namespace
+
+int32_t CoreSearch(NtxIndex* ix, const SearchKey& key, uint32_t record, int mode,
+                   ModulePath module) {
+  KeyDescriptor& k = Key(ix);
+  bool descending = IsDescending(ix);
+  int equal_mode = mode;
+  if (descending && mode == 11) equal_mode = 15;
+  else if (descending && mode == 15) equal_mode = 11;
+  uint8_t* page = nullptr;
+  int32_t rc = StartAtRoot(ix, &page, module);
+  if (rc != 0) return rc;
+  enum Action { kAdvance, kDown, kFound };
+  for (;;) {
+    int lvl = k.level;
+    int i = k.path[lvl].pos;
+    int n = PageCount(page);
+    const uint8_t* item = Item(page, i);
+    int c = Compare(key.bytes, ItemKey(item), key.compare_length);
+    if (descending) c = -c;
+    Action action;
+    if (c > 0) {
+      action = kAdvance;
+    } else if (c < 0) {
+      action = kDown;
+    } else {
+      switch (equal_mode) {
+        case 1: case 12: case 13: case 14:
+          action = ItemChild(item) ? kDown : kFound;
+          break;
+        case 2:
+          if (ItemRecord(item) == record) action = kFound;
+          else action = ItemChild(item) ? kDown : kAdvance;
+          break;
+        case 11: action = kDown; break;
+        case 15: action = kAdvance; break;
+        default: action = kFound; break;
+      }
+    }
+    if (action == kFound) return 0;
+    if (action == kAdvance) {
+      if (i + 1 < n) {
+        k.path[lvl].pos = i + 1;
+        continue;
+      }
+      uint32_t last_child = ItemChild(Item(page, n));
+      if (last_child != 0) {
+        k.path[lvl].pos = n;
+        rc = Descend(ix, last_child, 0, &page, module);
+        if (rc < 0) return rc;
+        continue;
+      }
+      for (;;) {
+        rc = NextKeyStep(ix, module);
+        if (rc != 0) return rc;  // an error or past the end
+        const uint8_t* found_key = nullptr;
+        uint32_t found_record = 0;
+        rc = CurrentItem(ix, &found_key, &found_record, module);
+        if (rc != 0) return rc;
+        // The key reached is judged as the loop judges an item: one that
+        // sorts after the sought key stops the search as a leaf item does.
+        int cn = Compare(key.bytes, found_key, key.compare_length);
+        if (descending) cn = -cn;
+        if (cn < 0) return StopOnItem(ix, mode, module);
+        if (cn > 0) continue;
+        if (equal_mode == 2) {
+          if (found_record == record) return 0;
+          continue;
+        }
+        if (equal_mode == 11) return StopOnItem(ix, mode, module);
+        if (equal_mode == 15) continue;
+        return 0;
+      }
+    }
+    // Go down.
+    uint32_t child = ItemChild(item);
+    if (child != 0) {
+      rc = Descend(ix, child, 0, &page, module);
+      if (rc < 0) return rc;
+      continue;
+    }
+    return StopOnItem(ix, mode, module);
+  }
+}
+
+// --------------------------------------------------------- exported frame
+
+int32_t KeySearch(NtxIndex* ix, char* key, int32_t* record, int32_t mode) {
+  if (!key || !record) return KS_FAIL(kSearch, DB_ERR_NULL);
+  KeyDescriptor& k = Key(ix);
+  int32_t rc = RefreshHeader(ix, kSearch);
+  if (rc < 0) {
+    k.remember = 0;
+    EndCall(ix);
+    return rc;
+  }
+  if (mode & 64) {
+    k.remember = 1;
+    mode &= ~64;
+  }
+  uint8_t work[kMaxKeyLength + 1];
+  SearchKey sk{};
+  PrepareSearchKey(ix, key, work, &sk);
+  rc = CoreSearch(ix, sk, static_cast<uint32_t>(*record), mode, kSearch);
+  bool ascending = !IsDescending(ix);
+  if (rc >= 0) {
+    int32_t step;
+    switch (mode) {
+      case 1:
+        if (rc == DB_WARN_KEY_NOT_FOUND && ascending) {
+          step = PreviousKeyStep(ix, kSearch);
+          rc = step < 0 ? step : step == kBeforeStart ? DB_WARN_NO_MORE_KEYS : DB_WARN_KEY_NOT_FOUND;
+        } else if (rc == kBeforeStart) {
+          rc = DB_WARN_NO_MORE_KEYS;
+        } else if (rc == kPastEnd) {
+          rc = DB_WARN_KEY_NOT_FOUND;
+        }
+        break;
+      case 2:
+        if (rc == kPastEnd) rc = DB_WARN_NO_MORE_KEYS;
+        break;
+      case 11: case 12:
+        if (rc == DB_WARN_KEY_NOT_FOUND) {
+          if (!ascending) {
+            rc = 0;
+          } else {
+            step = PreviousKeyStep(ix, kSearch);
+            rc = step < 0 ? step : step == kBeforeStart ? DB_WARN_KEY_NOT_FOUND : 0;
+          }
+        } else if (rc == kBeforeStart) {
+          rc = ascending ? DB_WARN_KEY_NOT_FOUND : 0;
+        } else if (rc == kPastEnd) {
+          rc = ascending ? 0 : DB_WARN_KEY_NOT_FOUND;
+        }
+        break;
+      case 13:
+        if (rc == DB_WARN_KEY_NOT_FOUND && ascending) {
+          step = PreviousKeyStep(ix, kSearch);
+          rc = step < 0 ? step : DB_WARN_KEY_NOT_FOUND;
+        } else if (rc == kBeforeStart || rc == kPastEnd) {
+          rc = DB_WARN_KEY_NOT_FOUND;
+        }
+        break;
+      case 14: case 15:
+        if (rc == kPastEnd) rc = ascending ? DB_WARN_KEY_NOT_FOUND : 0;
+        break;
+      default:
+        break;
+    }
+    if (rc == kPastEnd || rc == kBeforeStart) rc = DB_WARN_KEY_NOT_FOUND;
+  }
+  if (rc >= 0 && rc != DB_WARN_FILE_EMPTY) {
+    const uint8_t* found = nullptr;
+    uint32_t found_record = 0;
+    int32_t c = CurrentItem(ix, &found, &found_record, kSearch);
+    if (c < 0) {
+      rc = c;
+    } else if (c == 0) {
+      CopyOut(ix, found, found_record, key, record);
+      if (k.remember || SharedWriteThrough(ix)) Remember(ix, found, found_record);
+    }
+  }
+  if (rc != 0) k.remember = 0;
+  EndCall(ix);
+  return rc;
+}
+
+int32_t Move(NtxIndex* ix, int32_t code, char* key, int32_t* record) {
+  if (!key || !record) return KS_FAIL(kSearch, DB_ERR_NULL);
+  KeyDescriptor& k = Key(ix);
+  int what = code & ~1;
+  if (what != 32 && what != 48 && what != 64 && what != 80) {
+    return KS_FAIL(kSearch, DB_ERR_INVALID_COMMAND);
+  }
+  int32_t rc = RefreshHeader(ix, kSearch);
+  int32_t status = 0;
+  bool stepping = what == 64 || what == 80;
+  if (rc >= 0 && stepping && SharedWriteThrough(ix)) {
+    if (k.current_record == 0) {
+      status = DB_WARN_NO_MORE_KEYS;
+      ForgetPosition(ix);
+    } else {
+      SearchKey sk{k.current_key, k.key_length};
+      int32_t s = CoreSearch(ix, sk, k.current_record, 2, kSearch);
+      if (s < 0) rc = s;
+      else if (what == 64 && s == DB_WARN_KEY_NOT_FOUND) rc = DB_WARN_KEY_NOT_FOUND;
+      else if (what == 80 && s == kPastEnd) rc = DB_WARN_KEY_NOT_FOUND;
+      else if (s == DB_WARN_FILE_EMPTY) rc = DB_WARN_FILE_EMPTY;
+    }
+    if (rc != 0) {
+      k.remember = 0;
+      EndCall(ix);
+      return rc;
+    }
+  }
+  if (rc < 0) {
+    k.remember = 0;
+    EndCall(ix);
+    return rc;
+  }
+  int32_t m;
+  switch (what) {
+    case 32: m = GoFirst(ix, kSearch); break;
+    case 48: m = GoLast(ix, kSearch); break;
+    case 64:
+      m = NextKeyStep(ix, kSearch);
+      if (m == kPastEnd) m = DB_WARN_NO_MORE_KEYS;
+      break;
+    default:
+      m = PreviousKeyStep(ix, kSearch);
+      if (m == kBeforeStart) m = DB_WARN_NO_MORE_KEYS;
+      break;
+  }
+  rc = m != 0 ? m : status;
+  if (rc >= 0 && rc != DB_WARN_FILE_EMPTY) {
+    const uint8_t* found = nullptr;
+    uint32_t found_record = 0;
+    int32_t c = CurrentItem(ix, &found, &found_record, kSearch);
+    if (c < 0) {
+      rc = c;
+    } else if (c == 0) {
+      CopyOut(ix, found, found_record, key, record);
+      if (rc == 0 && stepping && k.remember) {
+        bool differs = std::memcmp(found, k.current_key, k.key_length) != 0;
+        Remember(ix, found, found_record);
+        if (differs) rc = DB_WARN_KEY_NOT_FOUND;
+      } else if (SharedWriteThrough(ix)) {
+        Remember(ix, found, found_record);
+      }
+    }
+  }
+  if (rc != 0) k.remember = 0;
+  EndCall(ix);
+  return rc;
+}
+
+int32_t GetCurrentKey(NtxIndex* ix, char* key, int32_t* record) {
+  if (!key || !record) return KS_FAIL(kSearch, DB_ERR_NULL);
+  KeyDescriptor& k = Key(ix);
+  int32_t rc = RefreshHeader(ix, kSearch);
+  if (rc >= 0 && SharedWriteThrough(ix)) {
+    if (k.current_record == 0) {
+      rc = DB_WARN_KEY_NOT_FOUND;
+    } else {
+      SearchKey sk{k.current_key, k.key_length};
+      int32_t s = CoreSearch(ix, sk, k.current_record, 2, kSearch);
+      if (s < 0) rc = s;
+      else if (s != 0) rc = DB_WARN_KEY_NOT_FOUND;
+    }
+  } else if (rc >= 0 && k.level == kNoLevel) {
+    rc = DB_WARN_KEY_NOT_FOUND;
+  }
+  if (rc == 0) {
+    const uint8_t* found = nullptr;
+    uint32_t found_record = 0;
+    rc = CurrentItem(ix, &found, &found_record, kSearch);
+    if (rc == kPastEnd) rc = DB_WARN_KEY_NOT_FOUND;
+    if (rc == 0) {
+      CopyOut(ix, found, found_record, key, record);
+      if (SharedWriteThrough(ix)) Remember(ix, found, found_record);
+    }
+  }
+  if (rc != 0) k.remember = 0;
+  EndCall(ix);
+  return rc;
+}
+
+int32_t KeyPercent(NtxIndex* ix, int32_t* percent, const char* key, int32_t record) {
+  if (!percent || !key) return KS_FAIL(kPercent, DB_ERR_NULL);
+  KeyDescriptor& k = Key(ix);
+  uint8_t work[kMaxKeyLength + 1];
+  SearchKey sk{};
+  PrepareSearchKey(ix, key, work, &sk);
+  int32_t rc = CoreSearch(ix, sk, static_cast<uint32_t>(record), record ? 2 : 1, kPercent);
+  double span = 100.0;
+  double position = 0.0;
+  int32_t result = rc < 0 ? rc : 0;
+  if (rc >= 0 && k.level != kNoLevel) {
+    for (int lvl = 0; lvl <= k.level; ++lvl) {
+      uint8_t* page = nullptr;
+      int32_t l = LoadLevel(ix, lvl, &page, kPercent);
+      if (l < 0) {
+        result = l;
+        break;
+      }
+      int n = PageCount(page);
+      int branches = ItemChild(Item(page, 0)) ? n + 1 : n;
+      if (branches <= 0) break;
+      span /= branches;
+      position += k.path[lvl].pos * span;
+    }
+  }
+  if (rc == DB_WARN_FILE_EMPTY) result = DB_WARN_FILE_EMPTY;
+  *percent = static_cast<int32_t>(position + 0.49);
+  if (result != 0) k.remember = 0;
+  EndCall(ix);
+  return result;
+}
+
+int32_t KeyAtPercent(NtxIndex* ix, int32_t percent, char* key, int32_t* record) {
+  if (!key || !record) return KS_FAIL(kPercent, DB_ERR_NULL);
+  KeyDescriptor& k = Key(ix);
+  ForgetPosition(ix);
+  uint8_t* page = nullptr;
+  int32_t rc = StartAtRoot(ix, &page, kPercent);
+  int64_t p = percent;
+  while (rc == 0) {
+    int c = PageCount(page);
+    uint32_t first_child = ItemChild(Item(page, 0));
+    if (first_child != 0) {
+      int64_t n = c + 1;
+      int64_t i = n * p / 100;
+      if (i >= n) i = n - 1;
+      if (i < 0) i = 0;
+      p = ((p * 100 - (i * 10000) / n) * n) / 100;
+      k.path[k.level].pos = static_cast<int32_t>(i);
+      uint32_t child = ItemChild(Item(page, static_cast<int>(i)));
+      if (child == 0) {
+        rc = KS_FAIL(kPercent, DB_ERR_CORRUPTED);
+        break;
+      }
+      rc = Descend(ix, child, 0, &page, kPercent);
+      continue;
+    }
+    int64_t i = static_cast<int64_t>(c) * p / 100;
+    if (i >= c) i = c - 1;
+    if (i < 0) i = 0;
+    k.path[k.level].pos = static_cast<int32_t>(i);
+    const uint8_t* item = Item(page, static_cast<int>(i));
+    CopyOut(ix, ItemKey(item), ItemRecord(item), key, record);
+    if (SharedWriteThrough(ix)) Remember(ix, ItemKey(item), ItemRecord(item));
+    break;
+  }
+  if (rc != 0) k.remember = 0;
+  EndCall(ix);
+  return rc;
+}
+
+}  // namespace kestrel::ntx
