@@ -195,15 +195,14 @@ double ParseNumber(const char* text, size_t length) {
   auto [end, ec] = std::from_chars(text, text + length, value, std::chars_format::fixed);
   (void)end;
   if (ec == std::errc::result_out_of_range) {
-    // Too many digits for a double: as the C library reads it (at most a
-    // 10-character literal reaches here unless it ends the text).
-    char copy[64];
-    size_t n = length < sizeof copy - 1 ? length : sizeof copy - 1;
-    std::memcpy(copy, text, n);
-    copy[n] = '\0';
-    value = length < sizeof copy - 1 ? std::strtod(copy, nullptr) : HUGE_VAL;
-  } else if (ec != std::errc()) {
+    // Too many digits for a double: infinity when the integer part is not
+    // zero, else a fraction too small to tell from zero.
     value = 0.0;
+    for (size_t i = 0; i < length && text[i] != '.'; ++i) {
+      if (text[i] != '0') value = HUGE_VAL;
+    }
+  } else if (ec != std::errc()) {
+    value = 0.0;  // no digits at all: "" or "."
   }
   return value;
 }
