@@ -93,6 +93,7 @@ int32_t LoadWindow(TableControl* t, uint32_t n) {
     // The header may promise more records than the file holds: keep the
     // whole records that are there; record n itself must be one of them.
     uint64_t size = 0;
+    SetErrorCode(0);
     if (FileSize(t->file, &size) < 0 || length == 0 || size < at + length) {
       return KS_FAIL(kDopen, DB_ERR_READ);
     }

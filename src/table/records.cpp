@@ -185,7 +185,7 @@ int32_t UnderRecordLock(TableControl* t, uint32_t r, ModulePath module, Write wr
   int32_t rc = LockRecordRegion(t, r);
   if (rc < 0) return KS_PASS(module, rc);
   rc = write();
-  int32_t urc = UnlockRecordRegion(t, r);
+  int32_t urc = CleanUp([&] { return UnlockRecordRegion(t, r); });
   if (rc >= 0 && urc < 0) rc = urc;
   return rc;
 }
@@ -296,7 +296,7 @@ extern "C" KESTREL_API int32_t DBPutRecordFromBuffer(int32_t handle, const void*
         rc = LockHeaderRegion(t);
         if (rc < 0) return KS_PASS(kDrput, SetErrorCode(rc));
         rc = AppendRecord(t, recno);
-        int32_t urc = UnlockHeaderRegion(t);
+        int32_t urc = CleanUp([&] { return UnlockHeaderRegion(t); });
         if (rc >= 0 && urc < 0) rc = urc;
       } else {
         rc = AppendRecord(t, recno);

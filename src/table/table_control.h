@@ -85,6 +85,18 @@ struct TableControl : ControlBlock {
   }
 };
 
+// Runs a clean-up step (an unlock after a write, the unlocks of a close) with
+// the library code cleared, since the file services report a failure already
+// in the code as their own; a failure that was there before is kept.
+template <class Step>
+int32_t CleanUp(Step step) {
+  int32_t before = ErrorCode();
+  SetErrorCode(0);
+  int32_t rc = step();
+  if (before < 0) SetErrorCode(before);
+  return rc;
+}
+
 // ---- Handles ---------------------------------------------------------------
 // The control block of a table handle, or nullptr after logging -213 under
 // module.

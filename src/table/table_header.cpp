@@ -67,7 +67,7 @@ int32_t WriteHeader(TableControl* t, bool own_count) {
     }
   }
   if (locked_here) {
-    int32_t urc = UnlockHeaderRegion(t);
+    int32_t urc = CleanUp([&] { return UnlockHeaderRegion(t); });
     if (rc >= 0 && urc < 0) rc = urc;
   }
   if (rc < 0) return KS_FAIL(kDopen, rc);

@@ -34,7 +34,7 @@ int32_t WriteHeaderBytes(TableControl* t, uint64_t offset, const uint8_t* bytes,
   }
   int32_t rc = FileWriteAt(t->file, offset, bytes, count, 1);
   if (locked_here) {
-    int32_t urc = UnlockHeaderRegion(t);
+    int32_t urc = CleanUp([&] { return UnlockHeaderRegion(t); });
     if (rc >= 0 && urc < 0) rc = urc;
   }
   if (rc < 0) return KS_FAIL(kDhset, rc);

@@ -140,7 +140,7 @@ int32_t OpenInto(TableControl* t, const char* name, int32_t mode) {
 
 void Discard(int32_t handle, TableControl* t) {
   if (t->file != kNoFile) {
-    if (t->Shared()) UnlockAllRegions(t);
+    if (t->Shared()) CleanUp([&] { return UnlockAllRegions(t); });
     FileClose(t->file);
     t->file = kNoFile;
   }
