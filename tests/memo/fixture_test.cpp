@@ -98,7 +98,9 @@ TEST_F(FixtureTest, MemoTypesAndLengths) {
     ASSERT_EQ(DBfpGetMemoType(h, e.block, &length, &type), 0);
     EXPECT_EQ(length, e.text.size());
     EXPECT_EQ(type, DB_FPT_TYPE_TEXT) << e.recno;
-    if (e.recno == 13) EXPECT_EQ(length, 256u);
+    if (e.recno == 13) {
+      EXPECT_EQ(length, 256u);
+    }
   }
   DBfpCloseMemo(h);
 }
