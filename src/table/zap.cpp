@@ -1,0 +1,64 @@
+// Zapping a table: every record goes, in place (module DZAP).
+//
+// The record count at header offset 4 becomes 0 (written and flushed at once)
+// and the file is cut right after the header terminator; the end-of-file
+// marker is not rewritten, the next append writes a new one.  The record
+// cache, the pending writes and the current record are forgotten.  A table
+// that reuses deleted records also gets an empty deleted-record chain
+// (header bytes 16..19), since every record the chain named is gone.
+//
+// A shared table must hold the file lock, or take it by itself when it was
+// opened with automatic locking (and then release all its locks at the end).
+#include "runtime/boundary.h"
+#include "table/table_control.h"
+#include "util/coding.h"
+
+namespace kestrel::table {
+namespace {
+constexpr ModulePath kDzap = KS_ENGINE_MODULE("DZAP");
+
+int32_t Zap(TableControl* t) {
+  uint8_t zero[4] = {};
+  int32_t rc = FileWriteAt(t->file, kHdrRecordCount, zero, sizeof zero, 1);
+  if (rc < 0) return KS_FAIL(kDzap, rc);
+  t->SetRecordCount(0);
+  if ((t->attributes & kAttrReuse) && t->ChainHead() != 0) {
+    rc = FileWriteAt(t->file, kHdrChainHead, zero, sizeof zero, 1);
+    if (rc < 0) return KS_FAIL(kDzap, rc);
+    t->SetChainHead(0);
+  }
+  rc = FileTruncate(t->file, t->HeaderLength());
+  if (rc < 0) return KS_PASS(kDzap, rc);
+  ResetCache(t);
+  t->pending = 0;
+  t->current = 0;
+  return 0;
+}
+}  // namespace
+}  // namespace kestrel::table
+
+using namespace kestrel;
+using namespace kestrel::table;
+
+extern "C" KESTREL_API int32_t DBZapFile(int32_t handle) {
+  return Guarded([&]() -> int32_t {
+    TableControl* t = LookUp(handle, kDzap);
+    if (!t) return ErrorCode();
+    if (t->attributes & kAttrReadOnly) return KS_FAIL(kDzap, DB_ERR_READ_ONLY);
+    SetErrorCode(0);
+    bool locked_here = false;
+    if (t->Shared() && t->lock_state != kLockFile) {
+      if (!(t->attributes & kAttrAutoLock)) return KS_FAIL(kDzap, DB_ERR_MUST_LOCK);
+      int32_t rc = LockFileRegion(t);
+      if (rc < 0) return KS_PASS(kDzap, SetErrorCode(rc));
+      locked_here = true;
+    }
+    int32_t rc = Zap(t);
+    if (locked_here) {
+      int32_t urc = CleanUp([&] { return UnlockAllRegions(t); });
+      if (rc >= 0 && urc < 0) rc = urc;
+    }
+    if (rc < 0) return KS_PASS(kDzap, SetErrorCode(rc));
+    return Succeed();
+  });
+}
