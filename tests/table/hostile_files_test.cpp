@@ -1,0 +1,174 @@
+// Damaged and hostile table files, and memory shortage at every allocation:
+// each gives its error, leaves nothing open and nothing allocated.
+#include <cstdio>
+#include <functional>
+#include <random>
+
+#include "table_fixture.h"
+
+namespace kestrel::test {
+namespace {
+
+class HostileFilesTest : public TableTest {
+ protected:
+  // A two-field table with three records.
+  std::string Good(const std::string& name, int dialect = 1) {
+    std::string path = Create(name, {Field("NAME", 'C', 5), Field("QTY", 'N', 4, 1)}, dialect);
+    int32_t h = Open(path, dialect);
+    for (const char* text : {"one", "two", "three"}) {
+      DBPutStrField(h, 0, text);
+      int32_t r = 0;
+      EXPECT_EQ(DBPutRecord(h, &r, DB_RECORD_APPEND), 0);
+    }
+    EXPECT_EQ(DBCloseFile(h), 0);
+    return path;
+  }
+  void ExpectRefused(const std::string& path, int32_t mode, int32_t code, const char* what) {
+    int32_t h = 5;
+    EXPECT_EQ(DBOpenFile(&h, path.c_str(), mode), code) << what;
+    EXPECT_EQ(h, -1) << what;
+    ExpectNothingOpen();
+  }
+};
+
+TEST_F(HostileFilesTest, DamagedHeadersGiveTheirErrors) {
+  const std::string path = Good("BAD.DBF");
+  const std::vector<uint8_t> good = ReadFileBytes(path);  // header 97, record 10
+  struct Case {
+    const char* what;
+    std::function<void(std::vector<uint8_t>&)> damage;
+    int32_t mode;
+    int32_t code;
+  };
+  const Case cases[] = {
+      {"empty file", [](auto& b) { b.clear(); }, 1, DB_ERR_READ},
+      {"short header", [](auto& b) { b.resize(20); }, 1, DB_ERR_READ},
+      {"descriptors cut", [](auto& b) { b.resize(70); }, 1, DB_ERR_READ},
+      {"header length 32n+3", [](auto& b) { b[8] = 99; }, 1, DB_ERR_HEADER_LENGTH},
+      {"header length 31", [](auto& b) { b[8] = 31, b[9] = 0; }, 1, DB_ERR_HEADER_LENGTH},
+      {"header length 33", [](auto& b) { b[8] = 33, b[9] = 0; }, 1, DB_ERR_HEADER_LENGTH},
+      {"header length beyond the file", [](auto& b) { b[8] = 0x01, b[9] = 0xF0; }, 1,
+       DB_ERR_READ},
+      {"month 13", [](auto& b) { b[2] = 13; }, 1, DB_ERR_CHANGE_DATE},
+      {"day 0", [](auto& b) { b[3] = 0; }, 1, DB_ERR_CHANGE_DATE},
+      {"version", [](auto& b) { b[0] = 0x30; }, 1, DB_ERR_VERSION},
+      {"fox version in dBASE", [](auto& b) { b[0] = 0xF5; }, 1, DB_ERR_VERSION},
+      {"production flag 2", [](auto& b) { b[28] = 2; }, 8, DB_ERR_MDX_FLAG},
+      {"record length short", [](auto& b) { b[10] = 9; }, 1, DB_ERR_RECORD_LENGTH},
+      {"record length long", [](auto& b) { b[10] = 11; }, 1, DB_ERR_RECORD_LENGTH},
+      {"record length 0", [](auto& b) { b[10] = 0, b[11] = 0; }, 1, DB_ERR_RECORD_LENGTH},
+      {"field length grown", [](auto& b) { b[32 + 16] = 200; }, 1, DB_ERR_RECORD_LENGTH},
+      {"name without terminator",
+       [](auto& b) { std::fill(b.begin() + 32, b.begin() + 43, 'A'); }, 1, DB_ERR_FIELD_NAME},
+      {"unknown type", [](auto& b) { b[64 + 11] = 'Q'; }, 1, DB_ERR_FIELD_TYPE},
+      {"memo without memo version", [](auto& b) { b[64 + 11] = 'M'; }, 1, DB_ERR_VERSION},
+      {"dialect 10", [](auto&) {}, 10, DB_ERR_INVALID_COMMAND},
+  };
+  for (const Case& c : cases) {
+    std::vector<uint8_t> b = good;
+    c.damage(b);
+    WriteFileBytes(path, b);
+    ExpectRefused(path, c.mode, c.code, c.what);
+  }
+  // Production flag 2 is only checked in dialects 2 and 8.
+  std::vector<uint8_t> b = good;
+  b[28] = 2;
+  WriteFileBytes(path, b);
+  int32_t h = Open(path, 1);
+  DBCloseFile(h);
+  ExpectNothingOpen();
+}
+
+// Random damage to the header and descriptors: whatever an open says, it
+// must not crash, and a table that opens must read every record and field.
+TEST_F(HostileFilesTest, RandomHeaderDamageNeverCrashes) {
+  const std::string path = Good("FUZZ.DBF", 6);
+  const std::vector<uint8_t> good = ReadFileBytes(path);
+  std::mt19937 rng(1234);
+  int opened = 0;
+  for (int i = 0; i < 3000; ++i) {
+    std::vector<uint8_t> b = good;
+    int hits = 1 + static_cast<int>(rng() % 4);
+    for (int k = 0; k < hits; ++k) b[rng() % 98] = static_cast<uint8_t>(rng());
+    if (rng() % 8 == 0) b.resize(rng() % b.size());
+    // A new file each time: rewriting one file in place makes the file
+    // system flush it on every close.
+    std::string name = dir_.File("F" + std::to_string(i) + ".DBF");
+    WriteFileBytes(name, b);
+    int32_t h = -1;
+    int32_t rc = DBOpenFile(&h, name.c_str(), static_cast<int32_t>(rng() % 10) | DB_OPEN_READONLY);
+    std::remove(name.c_str());
+    if (rc != 0) {
+      ASSERT_LT(rc, 0);
+      ASSERT_EQ(h, -1);
+      continue;
+    }
+    ++opened;
+    DBRECORDINFO info{};
+    DBGetRecordInfo(h, &info);
+    int32_t count = 0;
+    DBGetRecordCount(h, &count);
+    std::vector<uint8_t> out(70000);
+    for (int32_t r = 1; r <= std::min(count, 50); ++r) {
+      if (DBGetRecord(h, r) < 0) continue;
+      for (int32_t f = 0; f < info.field_count; ++f) {
+        DBGetFieldData(h, f, out.data());
+        DBGetStrField(h, f, reinterpret_cast<char*>(out.data()));
+      }
+    }
+    ASSERT_EQ(DBCloseFile(h), 0);
+  }
+  EXPECT_GT(opened, 10);
+  ExpectNothingOpen();
+}
+
+// Makes the nth allocation fail for n = 1, 2, ... until the operation
+// succeeds; every failure must be -203 and leave nothing behind.
+TEST_F(HostileFilesTest, EveryAllocationFailureDuringOpenCreateAndAppend) {
+  const std::string path = Good("MEM.DBF");
+  int failures = 0;
+  for (long n = 1;; ++n) {
+    kestrel::testing::FailAllocation(n);
+    int32_t h = 3;
+    int32_t rc = DBOpenFile(&h, path.c_str(), 1);
+    kestrel::testing::FailAllocation(0);
+    if (rc == 0) {
+      DBCloseFile(h);
+      break;
+    }
+    ASSERT_EQ(rc, DB_ERR_MEMORY) << n;
+    ASSERT_EQ(h, -1);
+    ExpectNothingOpen();
+    ++failures;
+  }
+  EXPECT_GE(failures, 4);  // block, cache, record buffer, descriptors, name
+
+  std::vector<DBFIELD> fields = {Field("A", 'C', 5), Field("B", 'N', 5)};
+  for (long n = 1;; ++n) {
+    kestrel::testing::FailAllocation(n);
+    int32_t rc = DBCreateFile(dir_.File("NEW.DBF").c_str(), 2, fields.data(), 1);
+    kestrel::testing::FailAllocation(0);
+    if (rc == 0) break;
+    ASSERT_EQ(rc, DB_ERR_MEMORY) << n;
+    ExpectNothingOpen();
+  }
+
+  for (int32_t mode : {0, DB_OPEN_UNBUFFERED, DB_OPEN_REUSE}) {
+    int32_t h = Open(path, 1 | mode);
+    long live = kestrel::testing::LiveAllocations();
+    for (long n = 1;; ++n) {
+      kestrel::testing::FailAllocation(n);
+      int32_t r = 0;
+      int32_t rc = DBPutRecord(h, &r, DB_RECORD_APPEND);
+      kestrel::testing::FailAllocation(0);
+      if (rc == 0) break;
+      ASSERT_EQ(rc, DB_ERR_MEMORY);
+      ASSERT_EQ(kestrel::testing::LiveAllocations(), live);
+    }
+    DBCloseFile(h);
+  }
+  ExpectNothingOpen();
+}
+
+}  // namespace
+}  // namespace kestrel::test
