@@ -219,7 +219,7 @@ DBLOCKINFO Decode(const TableControl* t, const LockEntry& e) {
     case 8:
       if (t->header[kHdrProduction] != 0) {
         if (e.offset == header.offset && e.length == 1) return {DB_LOCK_HEADER, 0};
-        if (e.length >= 14035816u && e.offset + e.length == 0x80000000u) return {DB_LOCK_FILE, 0};
+        if (e.length >= 14035816u && e.offset + e.length == 0x7FFFFFFFu) return {DB_LOCK_FILE, 0};
         return {DB_LOCK_RECORD, static_cast<int32_t>(0x7FFFFFFEu - e.offset)};
       }
       if (e.offset == 0x40000000u && e.length == 1) {
