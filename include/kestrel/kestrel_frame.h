@@ -111,24 +111,46 @@ KESTREL_EXTERN_C_BEGIN
 #define DB_OPEN_MULTILOCK 0x2000   /* several record locks at once */
 #define DB_OPEN_REUSE 0x4000       /* reuse deleted records on append */
 
-/* ---- Library frame ------------------------------------------------------ */
+/* ---- Library frame ------------------------------------------------------
+ * The library's state (handle table, error code, lock buffer, ...) is
+ * process-wide and unlocked: make one call into the library at a time. */
+
+/* Sizes the handle table (count - 5 slots, count 5..16388) and the lock buffer
+ * (twice the slots); the low byte of flags is the default date style (2..5,
+ * else 2); flag 0x100 raises the process's open-file limit.  Discards an
+ * earlier table without closing its files and switches the error log off. */
 KESTREL_API int32_t DBInitialize(int32_t count, int32_t flags);
+/* Closes every open object through its close routine, in handle order, and
+ * frees the tables.  Always 0. */
 KESTREL_API int32_t DBTerminate(void);
+/* The library error code: the status of the last failure (successes leave it
+ * as it was unless a call says otherwise). */
 KESTREL_API int32_t DBGetErrorCode(void);
 KESTREL_API int32_t DBSetErrorCode(int32_t code);
+/* The fixed message of the current code; owned by the library. */
 KESTREL_API const char *DBGetErrorStr(void);
+/* mode 0: logging off; 1: on, appending to the file `name` (at most 29
+ * characters); any other value: on, keeping the earlier name.  Each logged
+ * failure appends "module<TAB>line<TAB>code<LF>".  Returns the current code. */
 KESTREL_API int32_t DBErrorLog(int32_t mode, const char *name);
+/* Copies "4.00 Revision F" and its terminator (16 bytes) into buffer. */
 KESTREL_API int32_t DBGetVersion(char *buffer);
 
 /* ---- Memory: every block the library hands out comes from these. -------- */
+/* Zero-filled; *pointer is null and -203 returned on failure. */
 KESTREL_API int32_t DBAllocateMemory(void **pointer, uint32_t size);
+/* Keeps the contents (growth is zero-filled); on failure *pointer keeps the
+ * old block and -203 is returned. */
 KESTREL_API int32_t DBReAllocateMemory(void **pointer, uint32_t size);
 KESTREL_API int32_t DBFreeMemory(void *pointer);
 
 /* ---- Lock buffer and retries -------------------------------------------- */
+/* Attempts per lock request: count, at least one; retries follow at once. */
 KESTREL_API int32_t DBSetLockRetryCount(int32_t count);
 KESTREL_API int32_t DBGetLockRetryCount(int32_t *count);
+/* Regions held (one entry per lock call) and the buffer's capacity. */
 KESTREL_API int32_t DBGetLockCount(int32_t *used, int32_t *capacity);
+/* Resizes the lock buffer; -261 below the entries in use, -203 on shortage. */
 KESTREL_API int32_t DBSetLockCount(int32_t capacity);
 
 KESTREL_EXTERN_C_END
