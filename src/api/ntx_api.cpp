@@ -2,6 +2,7 @@
 // arguments, run the engine, leave the status in the library error code.
 #include <cstring>
 
+#include "index/clipper/ntx_build.h"
 #include "index/clipper/ntx_index.h"
 #include "kestrel/kestrel_ntx.h"
 #include "runtime/boundary.h"
@@ -102,6 +103,14 @@ KESTREL_API int32_t DBclGetSetCacheSize(int32_t handle, int32_t* count, int32_t 
 
 KESTREL_API int32_t DBclZapIndex(int32_t handle) {
   return OnIndex(handle, kZap, [&](NtxIndex* ix) { return ZapIndex(ix); });
+}
+
+KESTREL_API int32_t DBclBuildIndex(int32_t table, const char* filename, int32_t keyType,
+                                   char* keyExpression, int32_t keyLength, int32_t decimals) {
+  return Guarded([&]() -> int32_t {
+    SetErrorCode(0);
+    return BuildIndex(table, filename, keyType, keyExpression, keyLength, decimals, nullptr);
+  });
 }
 
 KESTREL_API int32_t DBclKeySearch(int32_t handle, char* key, int32_t* record, int32_t mode) {

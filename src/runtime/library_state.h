@@ -108,6 +108,10 @@ struct LibraryState {
   // Expressions.
   ParseEntryTable parse_entries;
   EvaluatorState evaluator;
+
+  // Clipper index builds: bytes of keys sorted in memory before the build
+  // spills sorted runs to temporary files; 0 means the built-in default.
+  uint64_t ntx_sort_budget = 0;
 };
 
 // The single instance.

@@ -1,0 +1,191 @@
+// Index builds from real tables: order, fill, unique and descending builds,
+// builds through temporary sort files, numeric keys in both forms, and keys
+// made for single records agreeing with the build.
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <map>
+#include <random>
+
+#include "ntx_test_util.h"
+#include "runtime/library_state.h"
+
+namespace kestrel::test {
+namespace {
+
+class NtxBuildTest : public NtxTest {
+ protected:
+  void SetUp() override {
+    NtxTest::SetUp();
+    DBFIELD fields[2] = {};
+    std::strcpy(fields[0].name, "NAME");
+    fields[0].type = 'C';
+    fields[0].length = 12;
+    std::strcpy(fields[1].name, "AMOUNT");
+    fields[1].type = 'N';
+    fields[1].length = 10;
+    fields[1].decimals = 2;
+    table_path_ = dir_.File("people.dbf");
+    ASSERT_EQ(DBCreateFile(table_path_.c_str(), 2, fields, DB_DIALECT_CLIPPER), 0);
+    ASSERT_EQ(DBOpenFile(&table_, table_path_.c_str(), DB_DIALECT_CLIPPER), 0);
+    std::mt19937 rng(7);
+    for (int r = 1; r <= kRecords; ++r) {
+      char name[16], amount[16];
+      std::snprintf(name, sizeof name, "N%04u", static_cast<unsigned>(rng() % 900));
+      double value = static_cast<double>(rng() % 2000000) / 100.0 - (r % 7 == 0 ? 10000.0 : 0.0);
+      std::snprintf(amount, sizeof amount, "%.2f", value);
+      names_.emplace_back(std::string(name) + std::string(12 - std::strlen(name), ' '));
+      amounts_.push_back(std::strtod(amount, nullptr));
+      ASSERT_EQ(DBPutStrField(table_, 0, name), 0);
+      ASSERT_EQ(DBPutStrField(table_, 1, amount), 0);
+      int32_t recno = 0;
+      ASSERT_EQ(DBPutRecord(table_, &recno, DB_RECORD_APPEND), 0);
+      ASSERT_EQ(recno, r);
+    }
+    for (int r = 5; r <= kRecords; r += 97) ASSERT_EQ(DBMarkRecordInActive(table_, r), 0);
+  }
+  void TearDown() override {
+    State().ntx_sort_budget = 0;
+    DBCloseFile(table_);
+    NtxTest::TearDown();
+  }
+
+  // Builds and opens an index; returns the handle.
+  int32_t Build(const std::string& name, int32_t type, const char* expression, int32_t length,
+                int32_t decimals = 0) {
+    std::string path = dir_.File(name);
+    std::string expr = expression;
+    EXPECT_GE(DBclBuildIndex(table_, path.c_str(), type, expr.data(), length, decimals), 0);
+    EXPECT_EQ(FileFindings(path), "") << name;
+    int32_t h = -1;
+    EXPECT_EQ(DBclOpenIndex(&h, path.c_str(), 0), 0);
+    return h;
+  }
+
+  static constexpr int kRecords = 3000;
+  std::string table_path_;
+  int32_t table_ = -1;
+  std::vector<std::string> names_;
+  std::vector<double> amounts_;
+};
+
+TEST_F(NtxBuildTest, BuildsEveryRecordInKeyThenRecordOrder) {
+  int32_t h = Build("name.ntx", 'C', "name", 12);
+  KeyList expected;
+  for (int r = 1; r <= kRecords; ++r) expected.emplace_back(names_[r - 1], r);
+  std::stable_sort(expected.begin(), expected.end(),
+                   [](const auto& a, const auto& b) { return a.first < b.first; });
+  EXPECT_TRUE(Walk(h, 12) == expected);
+  ntx::CheckSummary s{};
+  EXPECT_EQ(Findings(h, &s), "");
+  EXPECT_EQ(s.keys, static_cast<uint64_t>(kRecords));
+  // Pages are filled: close to the fewest pages that can hold the keys.
+  EXPECT_LE(s.tree_pages, kRecords / 44 + 5u);  // 44 keys per page
+  // Keys made for single records are the built keys; the index stays valid
+  // as records change.
+  for (int r : {1, 77, kRecords}) {
+    ASSERT_GE(DBGetRecord(table_, r), 0);
+    char* key = nullptr;
+    ASSERT_EQ(DBclMakeKey(table_, h, &key), 0);
+    EXPECT_EQ(std::string(key), names_[r - 1]);
+    ASSERT_EQ(DBclDeleteKey(h, key, r), 0);
+    DBFreeMemory(key);
+  }
+  for (int r : {1, 77, kRecords}) ASSERT_EQ(DBclAddKey(h, "ZZZ", r), 0);
+  EXPECT_EQ(Findings(h), "");
+  EXPECT_EQ(DBclCloseIndex(h), 0);
+}
+
+TEST_F(NtxBuildTest, UniqueAndDescendingBuilds) {
+  int32_t u = Build("u.ntx", 'C' | DB_CL_UNIQUE, "NAME", 12);
+  std::map<std::string, int> first;
+  for (int r = kRecords; r >= 1; --r) first[names_[r - 1]] = r;
+  KeyList expected(first.begin(), first.end());
+  EXPECT_TRUE(Walk(u, 12) == expected);
+
+  int32_t d = Build("d.ntx", 'C' | DB_CL_DESCENDING, "NAME", 12);
+  KeyList desc;
+  for (int r = 1; r <= kRecords; ++r) desc.emplace_back(names_[r - 1], r);
+  std::stable_sort(desc.begin(), desc.end(),
+                   [](const auto& a, const auto& b) { return a.first > b.first; });
+  EXPECT_TRUE(Walk(d, 12) == desc);
+  char key[13] = "N0450";
+  int32_t rec = 0;
+  EXPECT_EQ(DBclKeySearch(d, key, &rec, 14), 0);
+}
+
+TEST_F(NtxBuildTest, TemporarySortFilesGiveTheSameIndex) {
+  std::string expr = "NAME";
+  std::string memory = dir_.File("m.ntx");
+  ASSERT_EQ(DBclBuildIndex(table_, memory.c_str(), 'C', expr.data(), 12, 0), 0);
+  State().ntx_sort_budget = 16 * 100;  // runs of 100 keys: 30 sort files
+  std::string spilled = dir_.File("s.ntx");
+  ASSERT_EQ(DBclBuildIndex(table_, spilled.c_str(), 'C', expr.data(), 12, 0), 0);
+  EXPECT_TRUE(ReadFileBytes(memory) == ReadFileBytes(spilled));
+  std::string unique = dir_.File("su.ntx");
+  ASSERT_EQ(DBclBuildIndex(table_, unique.c_str(), 'C' | DB_CL_UNIQUE, expr.data(), 12, 0), 0);
+  EXPECT_EQ(FileFindings(unique), "");
+  for (const auto& entry : std::filesystem::directory_iterator(dir_.path())) {
+    EXPECT_EQ(entry.path().filename().string().find("STKS"), std::string::npos);
+  }
+}
+
+TEST_F(NtxBuildTest, NumericKeysInBothForms) {
+  int32_t plain = Build("amount.ntx", 'N', "AMOUNT", 10, 2);
+  KeyList walk = Walk(plain, 10);
+  ASSERT_EQ(walk.size(), static_cast<size_t>(kRecords));
+  // Integer digits only: every built key is the record's value converted.
+  for (const auto& [key, rec] : walk) {
+    char made[12];
+    ASSERT_GE(DBclNumericToKey(plain, made, amounts_[rec - 1]), 0);
+    ASSERT_EQ(key, std::string(made)) << rec;
+  }
+  int32_t full = Build("amountd.ntx", 'N' | DB_CL_BUILD_WITH_DECIMALS, "AMOUNT", 10, 2);
+  walk = Walk(full, 10);
+  ASSERT_EQ(walk.size(), static_cast<size_t>(kRecords));
+  EXPECT_EQ(walk.back().first[7], '.');
+  double previous = -1;
+  for (const auto& [key, rec] : walk) {
+    double value = amounts_[rec - 1];
+    double back = 0;
+    ASSERT_EQ(DBclKeyToNumeric(&back, key.c_str()), 0);
+    EXPECT_DOUBLE_EQ(back, value);
+    if (value >= 0) {
+      EXPECT_LE(previous, value);
+      previous = value;
+    }
+  }
+  // The open index made with the default form converts in the integer form;
+  // the switch changes it for this handle.
+  char key[12];
+  EXPECT_EQ(DBclNumericToKey(full, key, 12.5), 0);
+  EXPECT_STREQ(key, "0000000012");
+  ASSERT_EQ(DBclSetNumericKeyForm(full, DB_CL_NUMERIC_WITH_DECIMALS, nullptr), 0);
+  EXPECT_EQ(DBclNumericToKey(full, key, 12.5), 0);
+  EXPECT_STREQ(key, "0000012.50");
+  ASSERT_EQ(DBGetRecord(table_, 3), 0);
+  char* made = nullptr;
+  ASSERT_GE(DBclMakeKey(table_, full, &made), 0);
+  double value = 0;
+  ASSERT_EQ(DBclKeyToNumeric(&value, made), 0);
+  EXPECT_DOUBLE_EQ(value, amounts_[2]);
+  DBFreeMemory(made);
+}
+
+TEST_F(NtxBuildTest, BadArgumentsAndExpressions) {
+  std::string path = dir_.File("bad.ntx");
+  std::string expr = "NAME";
+  EXPECT_EQ(DBclBuildIndex(table_ + 1, path.c_str(), 'C', expr.data(), 12, 0), DB_ERR_INVALID_HANDLE);
+  EXPECT_EQ(DBclBuildIndex(table_, nullptr, 'C', expr.data(), 12, 0), DB_ERR_NULL);
+  EXPECT_EQ(DBclBuildIndex(table_, path.c_str(), 'Q', expr.data(), 12, 0), DB_ERR_KEY_TYPE);
+  std::string bad = "NAME+AMOUNT";  // a character and a numeric value: not a key
+  EXPECT_LT(DBclBuildIndex(table_, path.c_str(), 'C', bad.data(), 12, 0), 0);
+  int32_t h = Build("ok.ntx", 'C', "NAME", 12);
+  char* key = reinterpret_cast<char*>(1);
+  EXPECT_EQ(DBclMakeKey(table_, h + 1, &key), DB_ERR_INVALID_HANDLE);
+  EXPECT_EQ(key, nullptr);
+}
+
+}  // namespace
+}  // namespace kestrel::test
