@@ -232,6 +232,48 @@ TEST_F(DateStringTest, TwoDigitYearsAreNineteenHundreds) {
   EXPECT_EQ(rc, DB_ERR_INVALID_DATE);
 }
 
+// Arbitrary bytes in every style: the parser answers with one of its four
+// statuses, and whatever it accepts is a real date that prints and reads back
+// to itself.
+TEST_F(DateStringTest, ArbitraryTextsNeverGiveABadDate) {
+  DBErrorLog(0, nullptr);  // millions of refusals: keep the log out of the timing
+  std::mt19937 random(4711);
+  const char alphabet[] = "0123456789/.-\\ +x\t";
+  std::uniform_int_distribution<int> lengths(0, 12);
+  std::uniform_int_distribution<int> pick(0, sizeof alphabet - 2);
+  std::uniform_int_distribution<int> any_byte(1, 255);
+  int accepted = 0;
+  for (int i = 0; i < 50000; ++i) {
+    std::string text(static_cast<size_t>(lengths(random)), ' ');
+    for (char& c : text)
+      c = i % 4 == 0 ? static_cast<char>(any_byte(random)) : alphabet[pick(random)];
+    for (int32_t style = 0; style <= 20; ++style) {
+      int32_t rc;
+      const Date date = Parse(text.c_str(), style, &rc);
+      ASSERT_TRUE(rc == 0 || rc == DB_WARN_FILE_EMPTY || rc == DB_ERR_INVALID_COMMAND ||
+                  rc == DB_ERR_INVALID_DATE)
+          << rc;
+      if (rc != 0) {
+        ASSERT_EQ(date.y | date.m | date.d, 0);
+        continue;
+      }
+      ++accepted;
+      ASSERT_TRUE(date.y >= 0 && date.y <= 9999 && ModelValid(date.y, date.m, date.d)) << text;
+      char printed[DB_DATE_STR_SIZE];
+      ASSERT_EQ(DBDate3ToStr(printed, style, date.y, date.m, date.d), 0);
+      int32_t again_rc;
+      const Date again = Parse(printed, style, &again_rc);
+      ASSERT_EQ(again_rc, 0) << printed;
+      if (!TwoDigitStyle(style) || date.y < 2000) {
+        EXPECT_EQ(again.y, TwoDigitStyle(style) ? 1900 + date.y % 100 : date.y) << text;
+        EXPECT_EQ(again.m, date.m) << text;
+        EXPECT_EQ(again.d, date.d) << text;
+      }
+    }
+  }
+  EXPECT_GT(accepted, 100);  // the alphabet does produce dates
+}
+
 TEST_F(DateStringTest, StylesWithoutAFormatAreRefused) {
   char text[DB_DATE_STR_SIZE];
   for (int32_t style : {-1, 0, 1, 14, 17, 18, 20, 1000}) {
