@@ -14,16 +14,16 @@
 KESTREL_EXTERN_C_BEGIN
 
 /* ---- Table dialects: the low byte of the open mode and the create dialect. */
-#define DB_DIALECT_DEFAULT 0   /* dBASE III rules, version 0x03 even with memos; becomes 1 on open */
-#define DB_DIALECT_DBASE3 1    /* dBASE III */
-#define DB_DIALECT_DBASE4 2    /* dBASE IV (memo version 0x8B, production MDX, 20-digit N, F) */
-#define DB_DIALECT_FOXBASE 3   /* FoxBase */
-#define DB_DIALECT_FOX_F5 4    /* FoxPro rules (memo version 0xF5), dBASE field limits */
-#define DB_DIALECT_CLIPPER5 5  /* Clipper locking and counting, 1023 fields */
-#define DB_DIALECT_CLIPPER 6   /* Clipper (C fields up to 2048, records up to 8192) */
+#define DB_DIALECT_DEFAULT 0    /* dBASE III rules, 0x03 even with memos; opened as 1 */
+#define DB_DIALECT_DBASE3 1     /* dBASE III */
+#define DB_DIALECT_DBASE4 2     /* dBASE IV (memo version 0x8B, production MDX, 20-digit N, F) */
+#define DB_DIALECT_FOXBASE 3    /* FoxBase */
+#define DB_DIALECT_FOX_F5 4     /* FoxPro rules (memo version 0xF5), dBASE field limits */
+#define DB_DIALECT_CLIPPER5 5   /* Clipper locking and counting, 1023 fields */
+#define DB_DIALECT_CLIPPER 6    /* Clipper (C fields up to 2048, records up to 8192) */
 #define DB_DIALECT_EOF_RECORD 7 /* appends end the file with a whole record of 0x1A bytes */
-#define DB_DIALECT_FOXPRO 8    /* FoxPro (memo version 0xF5, production CDX) */
-#define DB_DIALECT_TERMBLOCK 9 /* header ends with a 32-byte terminator block */
+#define DB_DIALECT_FOXPRO 8     /* FoxPro (memo version 0xF5, production CDX) */
+#define DB_DIALECT_TERMBLOCK 9  /* header ends with a 32-byte terminator block */
 
 /* Create-dialect bit: the table has a production index (header byte 28 = 1). */
 #define DB_CREATE_PRODUCTION_INDEX 0x200
@@ -62,23 +62,23 @@ typedef struct DBFIELD {
 
 /* What DBGetFileInfo reports about an open table. */
 typedef struct DBFILEINFO {
-  uint32_t attributes;       /* bit 0 read-only, bit 1 unbuffered, bit 2 shared;
-                                other bits are the caller's and kept */
-  char name[80];             /* the file name given to DBOpenFile */
-  int32_t dialect;           /* dialect code 1..9 */
-  int32_t has_memo;          /* 1 when a field of type M exists */
-  int32_t production_index;  /* header byte 28 */
-  int32_t reserved14;        /* header byte 14 */
-  int32_t reserved15;        /* header byte 15 */
-  int32_t lock_state;        /* DB_LOCK_* bits held */
-  int32_t lock_count;        /* number of locks held */
+  uint32_t attributes;      /* bit 0 read-only, bit 1 unbuffered, bit 2 shared;
+                               other bits are the caller's and kept */
+  char name[80];            /* the file name given to DBOpenFile */
+  int32_t dialect;          /* dialect code 1..9 */
+  int32_t has_memo;         /* 1 when a field of type M exists */
+  int32_t production_index; /* header byte 28 */
+  int32_t reserved14;       /* header byte 14 */
+  int32_t reserved15;       /* header byte 15 */
+  int32_t lock_state;       /* DB_LOCK_* bits held */
+  int32_t lock_count;       /* number of locks held */
 } DBFILEINFO;
 
 /* What DBGetRecordInfo reports: the record buffer address is pointer-sized. */
 typedef struct DBRECORDINFO {
   int32_t record_length; /* bytes, deletion flag included */
   int32_t field_count;   /* number of fields */
-  void *record_buffer;   /* the table's current record buffer */
+  void* record_buffer;   /* the table's current record buffer */
 } DBRECORDINFO;
 
 /* One held lock as DBGetLockInfo reports it. */
@@ -88,54 +88,54 @@ typedef struct DBLOCKINFO {
 } DBLOCKINFO;
 
 /* ---- Create, open, close, describe -------------------------------------- */
-KESTREL_API int32_t DBCreateFile(const char *name, int32_t field_count, DBFIELD *fields,
+KESTREL_API int32_t DBCreateFile(const char* name, int32_t field_count, DBFIELD* fields,
                                  int32_t dialect);
-KESTREL_API int32_t DBOpenFile(int32_t *handle, const char *name, int32_t mode);
+KESTREL_API int32_t DBOpenFile(int32_t* handle, const char* name, int32_t mode);
 KESTREL_API int32_t DBCloseFile(int32_t handle);
 KESTREL_API int32_t DBFlushFile(int32_t handle);
 KESTREL_API int32_t DBGetFileHeader(int32_t handle);
-KESTREL_API int32_t DBGetFileInfo(int32_t handle, DBFILEINFO *info);
-KESTREL_API int32_t DBGetFileDescription(int32_t handle, int32_t *widest, DBFIELD *fields);
-KESTREL_API int32_t DBGetFieldDescription(int32_t handle, int32_t field, DBFIELD *description);
-KESTREL_API int32_t DBGetLastUpdate(int32_t handle, char *buffer, int32_t date_style);
+KESTREL_API int32_t DBGetFileInfo(int32_t handle, DBFILEINFO* info);
+KESTREL_API int32_t DBGetFileDescription(int32_t handle, int32_t* widest, DBFIELD* fields);
+KESTREL_API int32_t DBGetFieldDescription(int32_t handle, int32_t field, DBFIELD* description);
+KESTREL_API int32_t DBGetLastUpdate(int32_t handle, char* buffer, int32_t date_style);
 KESTREL_API int32_t DBSetProductionIndex(int32_t handle);
 KESTREL_API int32_t DBSetFieldIndexed(int32_t handle, int32_t field);
 
 /* ---- Records ------------------------------------------------------------ */
 KESTREL_API int32_t DBGetRecord(int32_t handle, int32_t recno);
-KESTREL_API int32_t DBGetRecordToBuffer(int32_t handle, void *buffer, int32_t recno);
-KESTREL_API int32_t DBPutRecord(int32_t handle, int32_t *recno, int32_t mode);
-KESTREL_API int32_t DBPutRecordFromBuffer(int32_t handle, const void *buffer, int32_t *recno,
+KESTREL_API int32_t DBGetRecordToBuffer(int32_t handle, void* buffer, int32_t recno);
+KESTREL_API int32_t DBPutRecord(int32_t handle, int32_t* recno, int32_t mode);
+KESTREL_API int32_t DBPutRecordFromBuffer(int32_t handle, const void* buffer, int32_t* recno,
                                           int32_t mode);
 KESTREL_API int32_t DBMarkRecordInActive(int32_t handle, int32_t recno);
 KESTREL_API int32_t DBMarkRecordActive(int32_t handle, int32_t recno);
 KESTREL_API int32_t DBIsRecordDeleted(int32_t handle);
-KESTREL_API int32_t DBGetRecordCount(int32_t handle, int32_t *count);
-KESTREL_API int32_t DBGetRecordNumber(int32_t handle, int32_t *recno);
-KESTREL_API int32_t DBGetRecordInfo(int32_t handle, DBRECORDINFO *info);
+KESTREL_API int32_t DBGetRecordCount(int32_t handle, int32_t* count);
+KESTREL_API int32_t DBGetRecordNumber(int32_t handle, int32_t* recno);
+KESTREL_API int32_t DBGetRecordInfo(int32_t handle, DBRECORDINFO* info);
 KESTREL_API int32_t DBClearBuffer(int32_t handle);
-KESTREL_API int32_t DBSetBufferAddress(int32_t handle, void *address);
+KESTREL_API int32_t DBSetBufferAddress(int32_t handle, void* address);
 KESTREL_API int32_t DBIsBeginningOfFile(int32_t handle);
 KESTREL_API int32_t DBIsEndOfFile(int32_t handle);
-KESTREL_API int32_t DBGetSetCacheSize(int32_t handle, int32_t *records, int32_t op);
+KESTREL_API int32_t DBGetSetCacheSize(int32_t handle, int32_t* records, int32_t op);
 
 /* ---- Fields (0-based field numbers, or names ignoring case) ------------- */
-KESTREL_API int32_t DBGetFieldData(int32_t handle, int32_t field, void *value);
-KESTREL_API int32_t DBGetNamedData(int32_t handle, const char *name, void *value);
-KESTREL_API int32_t DBGetStrField(int32_t handle, int32_t field, char *buffer);
-KESTREL_API int32_t DBGetNamedStr(int32_t handle, const char *name, char *buffer);
-KESTREL_API int32_t DBGetFieldBinary(int32_t handle, int32_t field, void *buffer);
-KESTREL_API int32_t DBGetNamedBinary(int32_t handle, const char *name, void *buffer);
-KESTREL_API int32_t DBPutFieldData(int32_t handle, int32_t field, const void *value);
-KESTREL_API int32_t DBPutNamedData(int32_t handle, const char *name, const void *value);
-KESTREL_API int32_t DBPutStrField(int32_t handle, int32_t field, const char *text);
-KESTREL_API int32_t DBPutNamedStr(int32_t handle, const char *name, const char *text);
-KESTREL_API int32_t DBPutFieldBinary(int32_t handle, int32_t field, const void *bytes);
-KESTREL_API int32_t DBPutNamedBinary(int32_t handle, const char *name, const void *bytes);
-KESTREL_API int32_t DBGetFieldNumber(int32_t handle, int32_t *number, const char *name);
-KESTREL_API int32_t DBGetFieldName(int32_t handle, char *buffer, int32_t field);
+KESTREL_API int32_t DBGetFieldData(int32_t handle, int32_t field, void* value);
+KESTREL_API int32_t DBGetNamedData(int32_t handle, const char* name, void* value);
+KESTREL_API int32_t DBGetStrField(int32_t handle, int32_t field, char* buffer);
+KESTREL_API int32_t DBGetNamedStr(int32_t handle, const char* name, char* buffer);
+KESTREL_API int32_t DBGetFieldBinary(int32_t handle, int32_t field, void* buffer);
+KESTREL_API int32_t DBGetNamedBinary(int32_t handle, const char* name, void* buffer);
+KESTREL_API int32_t DBPutFieldData(int32_t handle, int32_t field, const void* value);
+KESTREL_API int32_t DBPutNamedData(int32_t handle, const char* name, const void* value);
+KESTREL_API int32_t DBPutStrField(int32_t handle, int32_t field, const char* text);
+KESTREL_API int32_t DBPutNamedStr(int32_t handle, const char* name, const char* text);
+KESTREL_API int32_t DBPutFieldBinary(int32_t handle, int32_t field, const void* bytes);
+KESTREL_API int32_t DBPutNamedBinary(int32_t handle, const char* name, const void* bytes);
+KESTREL_API int32_t DBGetFieldNumber(int32_t handle, int32_t* number, const char* name);
+KESTREL_API int32_t DBGetFieldName(int32_t handle, char* buffer, int32_t field);
 KESTREL_API int32_t DBIsFieldBlank(int32_t handle, int32_t field);
-KESTREL_API int32_t DBIsNamedBlank(int32_t handle, const char *name);
+KESTREL_API int32_t DBIsNamedBlank(int32_t handle, const char* name);
 
 /* ---- Table locks (act only on tables opened shared) --------------------- */
 KESTREL_API int32_t DBLockFile(int32_t handle);
@@ -147,12 +147,12 @@ KESTREL_API int32_t DBUnLockAll(int32_t handle);
 KESTREL_API int32_t DBIsRecordLocked(int32_t handle, int32_t recno);
 /* *locks receives an array from DBAllocateMemory (free it with DBFreeMemory);
  * untouched when no lock is held. */
-KESTREL_API int32_t DBGetLockInfo(int32_t handle, DBLOCKINFO **locks, int32_t *count);
+KESTREL_API int32_t DBGetLockInfo(int32_t handle, DBLOCKINFO** locks, int32_t* count);
 
 /* ---- Pack and zap ------------------------------------------------------- */
 KESTREL_API int32_t DBZapFile(int32_t handle);
 /* The table is closed and reopened: *handle receives the new handle. */
-KESTREL_API int32_t DBPackFile(int32_t *handle);
+KESTREL_API int32_t DBPackFile(int32_t* handle);
 
 KESTREL_EXTERN_C_END
 

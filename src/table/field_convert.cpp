@@ -135,10 +135,11 @@ int32_t PutDate(TableControl* t, const FieldInfo& f, const char* text) {
   }
   if (rc < 0) return KS_PASS(kDfput, rc);
   if (year < 0 || year > 9999) return KS_FAIL(kDfput, DB_ERR_INVALID_DATE);
-  char digits[8] = {static_cast<char>('0' + year / 1000),     static_cast<char>('0' + year / 100 % 10),
-                    static_cast<char>('0' + year / 10 % 10),  static_cast<char>('0' + year % 10),
-                    static_cast<char>('0' + month / 10 % 10), static_cast<char>('0' + month % 10),
-                    static_cast<char>('0' + day / 10 % 10),   static_cast<char>('0' + day % 10)};
+  char digits[8] = {
+      static_cast<char>('0' + year / 1000),     static_cast<char>('0' + year / 100 % 10),
+      static_cast<char>('0' + year / 10 % 10),  static_cast<char>('0' + year % 10),
+      static_cast<char>('0' + month / 10 % 10), static_cast<char>('0' + month % 10),
+      static_cast<char>('0' + day / 10 % 10),   static_cast<char>('0' + day % 10)};
   std::memcpy(stored, digits, n);
   return 0;
 }

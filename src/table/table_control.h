@@ -47,28 +47,28 @@ struct FieldInfo {
 struct TableControl : ControlBlock {
   ~TableControl() override;
 
-  uint32_t attributes = 0;       // kAttr* bits
-  FileHandle file = kNoFile;     // the open .DBF file (-1 when closed)
-  int16_t write_through = 0;     // 1: every write flushes (mode 0x200)
-  char* file_name = nullptr;     // the name given to DBOpenFile (library memory)
-  uint8_t lock_state = 0;        // kLock* bits held
-  int32_t cache_first = 0;       // record number in cache slot 0; 0 = cache empty
-  uint8_t* cache = nullptr;      // cache window, cache_capacity x record length bytes
-  uint8_t* record = nullptr;     // the record buffer (current record as stored)
-  uint32_t cache_bytes = 0;      // size of the cache buffer
-  int32_t cache_capacity = 0;    // records the cache can hold
-  int32_t cache_count = 0;       // records now in the cache
-  uint8_t dirty = 0;             // non-zero: the cache holds changes not yet written
-  uint8_t owns_record = 0;       // 1: the library allocated the record buffer
+  uint32_t attributes = 0;           // kAttr* bits
+  FileHandle file = kNoFile;         // the open .DBF file (-1 when closed)
+  int16_t write_through = 0;         // 1: every write flushes (mode 0x200)
+  char* file_name = nullptr;         // the name given to DBOpenFile (library memory)
+  uint8_t lock_state = 0;            // kLock* bits held
+  int32_t cache_first = 0;           // record number in cache slot 0; 0 = cache empty
+  uint8_t* cache = nullptr;          // cache window, cache_capacity x record length bytes
+  uint8_t* record = nullptr;         // the record buffer (current record as stored)
+  uint32_t cache_bytes = 0;          // size of the cache buffer
+  int32_t cache_capacity = 0;        // records the cache can hold
+  int32_t cache_count = 0;           // records now in the cache
+  uint8_t dirty = 0;                 // non-zero: the cache holds changes not yet written
+  uint8_t owns_record = 0;           // 1: the library allocated the record buffer
   uint8_t header[kHeaderSize] = {};  // the 32 header bytes (count, lengths, chain head ...)
-  FieldInfo* fields = nullptr;   // field_count descriptors (library memory)
-  uint16_t widest = 0;           // length of the widest field
-  uint16_t field_count = 0;      // number of fields
-  int16_t lock_count = 0;        // number of locks held
-  uint8_t pending = 0;           // kPending* bits
-  uint8_t dialect = 0;           // dialect code 1..9
-  uint8_t has_memo = 0;          // 1 when a field of type M exists
-  int32_t current = 0;           // current record number; 0 = none
+  FieldInfo* fields = nullptr;       // field_count descriptors (library memory)
+  uint16_t widest = 0;               // length of the widest field
+  uint16_t field_count = 0;          // number of fields
+  int16_t lock_count = 0;            // number of locks held
+  uint8_t pending = 0;               // kPending* bits
+  uint8_t dialect = 0;               // dialect code 1..9
+  uint8_t has_memo = 0;              // 1 when a field of type M exists
+  int32_t current = 0;               // current record number; 0 = none
 
   // Header accessors.
   uint32_t RecordCount() const;

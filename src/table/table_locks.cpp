@@ -6,10 +6,10 @@
 //
 //   dialect            record r                      header              file
 //   2                  (r + 1) ^ 0xEFFFFFFF, 1       0xEFFFFFFE, 1       0xEFFFFFFE, 2
-//   3, 4, 8 with P     0x7FFFFFFE - r, 1             0x7FFFFFFE, 1       2133447831 - C, C + 14035816
-//   3, 4, 8 without P  (H + (r-1)L) | 0x40000000, 1  0x40000000, 1       0x40000000, 1
-//   5, 6               1000000000 + r, 1             1000000000, 1       1000000000, 1000000000
-//   0, 1, 7, 9         H + (r-1)L, L                 4, 4                0, 0x7FFFFFFF
+//   3, 4, 8 with P     0x7FFFFFFE - r, 1             0x7FFFFFFE, 1       2133447831 - C, C +
+//   14035816 3, 4, 8 without P  (H + (r-1)L) | 0x40000000, 1  0x40000000, 1       0x40000000, 1 5,
+//   6               1000000000 + r, 1             1000000000, 1       1000000000, 1000000000 0, 1,
+//   7, 9         H + (r-1)L, L                 4, 4                0, 0x7FFFFFFF
 //
 // The library-wide lock buffer (file_services.h) is the only record of which
 // regions this table holds.

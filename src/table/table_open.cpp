@@ -53,7 +53,7 @@ int32_t ReadDescriptors(TableControl* t, const uint8_t* raw, uint32_t n) {
     if (f.type == 'N' || f.type == 'F') f.max_magnitude = MaxMagnitude(f.length, f.decimals);
     if (f.type == 'M') {
       bool ok = HasFoxMemoVersion(t->dialect) ? version == kVersionFoxMemo
-                                               : (version & kVersionMemoBit) != 0;
+                                              : (version & kVersionMemoBit) != 0;
       if (!ok) return KS_FAIL(kDopen, DB_ERR_VERSION);
       t->has_memo = 1;
     }
@@ -152,8 +152,7 @@ void Discard(int32_t handle, TableControl* t) {
 using namespace kestrel;
 using namespace kestrel::table;
 
-namespace {
-}  // namespace
+namespace {}  // namespace
 
 extern "C" KESTREL_API int32_t DBOpenFile(int32_t* handle, const char* name, int32_t mode) {
   return Guarded([&]() -> int32_t {

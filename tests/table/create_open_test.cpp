@@ -19,13 +19,12 @@ struct Today {
 
 // Every type a dialect accepts, with lengths that the fixed types override.
 std::vector<DBFIELD> AllTypes(int dialect) {
-  std::vector<DBFIELD> f = {Field("NAME", 'C', 20),   Field("amount", 'n', 12, 2),
-                            Field("BORN", 'D', 3),    Field("OK", 'L', 9),
-                            Field("NOTES", 'M', 1),   Field("DBL", 1, 1),
-                            Field("FLT", 2, 0),       Field("U32", 3, 0),
-                            Field("I32", 4, 0),       Field("U16", 5, 0),
-                            Field("I16", 6, 0),       Field("B12", 12, 0),
-                            Field("B14", 14, 0)};
+  std::vector<DBFIELD> f = {
+      Field("NAME", 'C', 20), Field("amount", 'n', 12, 2), Field("BORN", 'D', 3),
+      Field("OK", 'L', 9),    Field("NOTES", 'M', 1),      Field("DBL", 1, 1),
+      Field("FLT", 2, 0),     Field("U32", 3, 0),          Field("I32", 4, 0),
+      Field("U16", 5, 0),     Field("I16", 6, 0),          Field("B12", 12, 0),
+      Field("B14", 14, 0)};
   if (dialect == 2 || dialect == 4 || dialect == 8) f.push_back(Field("RATIO", 'F', 20, 5));
   return f;
 }

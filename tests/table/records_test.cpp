@@ -41,8 +41,8 @@ TEST_F(RecordsTest, CacheCapacityFollowsTheRecordLength) {
     int32_t capacity;
   };
   // 8 x record length between 512 and 16384: 8; below: 512 / length; above: 16384 / length.
-  const Case cases[] = {{9, 1, 51}, {63, 1, 8}, {99, 1, 8}, {2047, 6, 8}, {2048, 6, 7},
-                        {3999, 6, 4}, {1, 1, 256}};
+  const Case cases[] = {{9, 1, 51},   {63, 1, 8},   {99, 1, 8}, {2047, 6, 8},
+                        {2048, 6, 7}, {3999, 6, 4}, {1, 1, 256}};
   for (const Case& c : cases) {
     std::vector<DBFIELD> fields;
     if (c.field > 2048) {
@@ -242,9 +242,8 @@ TEST_F(RecordsTest, DeletedRecordsAreReusedLastInFirstOut) {
 }
 
 TEST_F(RecordsTest, CallersRecordBufferAndUnpackedRecords) {
-  std::vector<DBFIELD> fields = {Field("NAME", 'C', 6), Field("QTY", 'N', 7, 2),
-                                 Field("DAY", 'D'),    Field("OK", 'L'),
-                                 Field("MEMO", 'M'),   Field("I32", 4)};
+  std::vector<DBFIELD> fields = {Field("NAME", 'C', 6), Field("QTY", 'N', 7, 2), Field("DAY", 'D'),
+                                 Field("OK", 'L'),      Field("MEMO", 'M'),      Field("I32", 4)};
   std::string path = Create("UNP.DBF", fields, 1);
   int32_t h = Open(path, 1);
   DBSetDefaultDateStyle(DB_DATE_GREGORIAN4);

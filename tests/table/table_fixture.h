@@ -44,9 +44,8 @@ class TableTest : public ::testing::Test {
   // Creates from the caller's list, which the library normalises in place.
   std::string Create(const std::string& name, std::vector<DBFIELD>& fields, int32_t dialect) {
     std::string path = dir_.File(name);
-    EXPECT_EQ(DBCreateFile(path.c_str(), static_cast<int32_t>(fields.size()), fields.data(),
-                           dialect),
-              0);
+    EXPECT_EQ(
+        DBCreateFile(path.c_str(), static_cast<int32_t>(fields.size()), fields.data(), dialect), 0);
     return path;
   }
   int32_t Open(const std::string& path, int32_t mode) {
