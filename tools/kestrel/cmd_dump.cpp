@@ -109,17 +109,18 @@ void RunDump(const DumpOptions& options) {
   std::cout.flush();
 }
 
-CommandRegistration reg{"dump", [](CLI::App& app) {
-  auto* cmd = app.add_subcommand("dump", "Print every record of a table as CSV or JSON lines");
-  auto options = std::make_shared<DumpOptions>();
-  cmd->add_option("TABLE", options->path, "The .DBF file")->required();
-  cmd->add_option("--format", options->format, "Output format: csv (default) or json")
-      ->check(CLI::IsMember({"csv", "json"}));
-  cmd->add_flag("--keep-blanks", options->values.keep_blanks,
-                "Keep the trailing blanks of character fields");
-  AddDialectOption(cmd, &options->dialect);
-  cmd->callback([options] { RunDump(*options); });
-}};
+CommandRegistration reg{
+    "dump", [](CLI::App& app) {
+      auto* cmd = app.add_subcommand("dump", "Print every record of a table as CSV or JSON lines");
+      auto options = std::make_shared<DumpOptions>();
+      cmd->add_option("TABLE", options->path, "The .DBF file")->required();
+      cmd->add_option("--format", options->format, "Output format: csv (default) or json")
+          ->check(CLI::IsMember({"csv", "json"}));
+      cmd->add_flag("--keep-blanks", options->values.keep_blanks,
+                    "Keep the trailing blanks of character fields");
+      AddDialectOption(cmd, &options->dialect);
+      cmd->callback([options] { RunDump(*options); });
+    }};
 
 }  // namespace
 }  // namespace kestrel::tool

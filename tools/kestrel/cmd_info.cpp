@@ -78,13 +78,14 @@ void RunInfo(const std::string& path, const DialectOption& dialect) {
 }
 
 CommandRegistration reg{"info", [](CLI::App& app) {
-  auto* cmd = app.add_subcommand("info", "Show a table's header and fields");
-  auto path = std::make_shared<std::string>();
-  auto dialect = std::make_shared<DialectOption>();
-  cmd->add_option("TABLE", *path, "The .DBF file")->required();
-  AddDialectOption(cmd, dialect.get());
-  cmd->callback([path, dialect] { RunInfo(*path, *dialect); });
-}};
+                          auto* cmd =
+                              app.add_subcommand("info", "Show a table's header and fields");
+                          auto path = std::make_shared<std::string>();
+                          auto dialect = std::make_shared<DialectOption>();
+                          cmd->add_option("TABLE", *path, "The .DBF file")->required();
+                          AddDialectOption(cmd, dialect.get());
+                          cmd->callback([path, dialect] { RunInfo(*path, *dialect); });
+                        }};
 
 }  // namespace
 }  // namespace kestrel::tool

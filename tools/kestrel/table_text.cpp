@@ -143,8 +143,8 @@ FieldValue ReadFieldValue(const OpenTable& table, int index, const ValueOptions&
         value.text.assign(raw.data(), length);
         return value;
       }
-      value.text = std::string(text, 4) + "-" + std::string(text + 4, 2) + "-" +
-                   std::string(text + 6, 2);
+      value.text =
+          std::string(text, 4) + "-" + std::string(text + 4, 2) + "-" + std::string(text + 6, 2);
       return value;
     }
     case 'L': {

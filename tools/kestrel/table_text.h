@@ -65,11 +65,11 @@ std::string FieldTypeName(int32_t type);
 // formats render. Blank fields have kind kNull.
 struct FieldValue {
   enum Kind { kNull, kText, kNumber, kInteger, kBool } kind = kNull;
-  std::string text;    // kText: bytes as stored (C, raw binary as hex) or ISO date
-  double number = 0;   // kNumber
-  int64_t integer = 0; // kInteger
-  bool flag = false;   // kBool
-  int decimals = 0;    // kNumber: digits after the point to print
+  std::string text;     // kText: bytes as stored (C, raw binary as hex) or ISO date
+  double number = 0;    // kNumber
+  int64_t integer = 0;  // kInteger
+  bool flag = false;    // kBool
+  int decimals = 0;     // kNumber: digits after the point to print
 };
 
 struct ValueOptions {
