@@ -278,8 +278,9 @@ int32_t WriteIv(DbtMemo& m, uint32_t replace_block, const uint8_t* text, size_t 
     old_blocks = static_cast<uint32_t>((old_length + kBlockHeaderSize + bs - 1) / bs);
     if (blocks <= old_blocks) {
       // In place; the block header's length is rewritten so the memo reads
-      // back whole.
-      Vec<uint8_t> image(kBlockHeaderSize + length);
+      // back whole, and the rest of its last block is cleared so that no
+      // stale text of the old memo follows it.
+      Vec<uint8_t> image(static_cast<size_t>(blocks) * bs, 0);
       std::memcpy(image.data(), kMemoMark, sizeof kMemoMark);
       StoreLE32(image.data() + kBlockLengthOffset, static_cast<uint32_t>(need));
       std::memcpy(image.data() + kBlockHeaderSize, text, length);
