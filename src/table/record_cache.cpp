@@ -10,6 +10,11 @@
 // is replaced; the header (count, date, deleted-record chain) and the end
 // marker follow at the next flush or close, since no other program can look
 // at the file in between.  A shared table writes them with every window.
+//
+// Only the records changed in the window are written back (one write per run
+// of changed slots; a byte per slot after the records marks them): another
+// process may have changed the window's other records under its own locks
+// since they were read, and their old copies here must not overwrite that.
 #include <algorithm>
 #include <cstring>
 
@@ -49,17 +54,34 @@ int32_t WriteEndMarker(TableControl* t) {
 }
 }  // namespace
 
+namespace {
+// The change map: one byte per cache slot, after the cached records; 1 marks
+// a slot changed since the last write-back (dirty_from..dirty_to bound them).
+uint8_t* ChangeMap(TableControl* t) {
+  return t->cache + static_cast<size_t>(t->cache_capacity) * t->RecordLength();
+}
+
+void ClearChanges(TableControl* t) {
+  if (t->cache && t->dirty_to > t->dirty_from) {
+    std::memset(ChangeMap(t) + t->dirty_from, 0, static_cast<size_t>(t->dirty_to - t->dirty_from));
+  }
+  t->dirty_from = t->dirty_to = 0;
+}
+}  // namespace
+
 int32_t DefaultCacheCapacity(uint32_t record_length) { return CacheCapacityFor(record_length); }
 
 bool AllocateCache(TableControl* t, int32_t capacity) {
   uint64_t bytes = static_cast<uint64_t>(capacity) * t->RecordLength();
   if (bytes == 0) bytes = 1;
-  void* block = MemAlloc(bytes);
+  // One change byte per slot follows the records (see ChangeMap).
+  void* block = MemAlloc(bytes + static_cast<uint64_t>(capacity));
   if (!block) return false;
   MemFree(t->cache);
   t->cache = static_cast<uint8_t*>(block);
   t->cache_bytes = static_cast<uint32_t>(bytes);
   t->cache_capacity = capacity;
+  t->dirty_from = t->dirty_to = 0;  // the new block's change map is all zero
   ResetCache(t);
   return true;
 }
@@ -68,6 +90,20 @@ void ResetCache(TableControl* t) {
   t->cache_first = 0;
   t->cache_count = 0;
   t->dirty = 0;
+  ClearChanges(t);
+}
+
+void MarkSlotChanged(TableControl* t, uint32_t slot) {
+  int32_t s = static_cast<int32_t>(slot);
+  if (s < 0 || s >= t->cache_capacity) return;
+  ChangeMap(t)[s] = 1;
+  if (t->dirty_to <= t->dirty_from) {
+    t->dirty_from = s;
+    t->dirty_to = s + 1;
+    return;
+  }
+  t->dirty_from = std::min(t->dirty_from, s);
+  t->dirty_to = std::max(t->dirty_to, s + 1);
 }
 
 uint8_t* CachedRecord(TableControl* t, uint32_t n) {
@@ -110,12 +146,28 @@ int32_t LoadWindow(TableControl* t, uint32_t n) {
 int32_t WriteBack(TableControl* t, bool header, bool sync) {
   int32_t rc = 0;
   if (t->dirty && t->cache_count > 0 && t->cache_first > 0) {
-    size_t bytes = static_cast<size_t>(t->cache_count) * t->RecordLength();
-    rc = FileWriteAt(t->file, t->RecordOffset(static_cast<uint32_t>(t->cache_first)), t->cache,
-                     bytes, 0);
-    if (rc < 0) return KS_FAIL(kDopen, rc);
+    // Only the changed slots go out, one write per run of them: in a shared
+    // table the others may be older than what other processes wrote since
+    // the window was read.
+    const uint8_t* changed = ChangeMap(t);
+    int32_t end = std::min(t->dirty_to, t->cache_count);
+    for (int32_t from = t->dirty_from; from < end;) {
+      if (!changed[from]) {
+        ++from;
+        continue;
+      }
+      int32_t to = from + 1;
+      while (to < end && changed[to]) ++to;
+      size_t bytes = static_cast<size_t>(to - from) * t->RecordLength();
+      uint32_t first = static_cast<uint32_t>(t->cache_first + from);
+      rc = FileWriteAt(t->file, t->RecordOffset(first),
+                       t->cache + static_cast<size_t>(from) * t->RecordLength(), bytes, 0);
+      if (rc < 0) return KS_FAIL(kDopen, rc);
+      from = to;
+    }
   }
   t->dirty = 0;
+  ClearChanges(t);
   if (header && t->pending) {
     bool appended = (t->pending & kPendingAppend) != 0;
     rc = WriteHeader(t, appended);
@@ -142,7 +194,7 @@ int32_t SetCacheCapacity(TableControl* t, int32_t* records) {
   }
   int32_t wanted = *records < 1 ? 1 : *records;
   uint64_t bytes = static_cast<uint64_t>(wanted) * t->RecordLength();
-  void* block = bytes <= 0x7FFFFFFFu ? MemRealloc(t->cache, bytes ? bytes : 1) : nullptr;
+  void* block = bytes <= 0x7FFFFFFFu ? MemRealloc(t->cache, (bytes ? bytes : 1) + wanted) : nullptr;
   if (!block) {
     *records = t->cache_capacity;
     return SetErrorCode(DB_WARN_PARTIAL_MEMORY);
@@ -150,6 +202,9 @@ int32_t SetCacheCapacity(TableControl* t, int32_t* records) {
   t->cache = static_cast<uint8_t*>(block);
   t->cache_bytes = static_cast<uint32_t>(bytes);
   t->cache_capacity = wanted;
+  // Written back above: no slot is changed (the map moved with the size).
+  std::memset(ChangeMap(t), 0, static_cast<size_t>(wanted));
+  t->dirty_from = t->dirty_to = 0;
   if (t->cache_count > wanted) t->cache_count = wanted;
   *records = wanted;
   return 0;

@@ -50,6 +50,7 @@ int32_t WriteRecord(TableControl* t, uint32_t n) {
   int32_t rc = LoadWindow(t, n);
   if (rc < 0) return KS_PASS(kDrput, rc);
   std::memcpy(CachedRecord(t, n), t->record, length);
+  MarkSlotChanged(t, n - static_cast<uint32_t>(t->cache_first));
   t->dirty |= kPendingReplace;
   t->pending |= kPendingReplace;
   return 0;
@@ -72,6 +73,7 @@ int32_t ReadLink(TableControl* t, uint32_t r, uint32_t* link) {
 int32_t WriteLink(TableControl* t, uint32_t r, uint32_t link) {
   if (uint8_t* slot = CachedRecord(t, r)) {
     StoreLE32(slot + 1, link);
+    MarkSlotChanged(t, r - static_cast<uint32_t>(t->cache_first));
     t->dirty |= kPendingReplace;
     t->pending |= kPendingReplace;
     return 0;
@@ -150,6 +152,7 @@ int32_t AppendRecord(TableControl* t, int32_t* recno) {
       t->cache_first = static_cast<int32_t>(n);
     }
     std::memcpy(t->cache + static_cast<size_t>(t->cache_count) * length, t->record, length);
+    MarkSlotChanged(t, static_cast<uint32_t>(t->cache_count));
     ++t->cache_count;
     t->SetRecordCount(n);
     t->dirty = kPendingAppend | kPendingReplace;

@@ -59,6 +59,8 @@ struct TableControl : ControlBlock {
   int32_t cache_capacity = 0;        // records the cache can hold
   int32_t cache_count = 0;           // records now in the cache
   uint8_t dirty = 0;                 // non-zero: the cache holds changes not yet written
+  int32_t dirty_from = 0;            // first cache slot changed since the last write-back
+  int32_t dirty_to = 0;              // one past the last changed slot (from == to: none)
   uint8_t owns_record = 0;           // 1: the library allocated the record buffer
   uint8_t header[kHeaderSize] = {};  // the 32 header bytes (count, lengths, chain head ...)
   FieldInfo* fields = nullptr;       // field_count descriptors (library memory)
@@ -127,6 +129,10 @@ int32_t DefaultCacheCapacity(uint32_t record_length);
 bool AllocateCache(TableControl* t, int32_t capacity);
 // Empties the cache (nothing cached, not dirty).  Does not write anything.
 void ResetCache(TableControl* t);
+// Notes that cache slot `slot` was changed: a write-back writes the changed
+// slots only, so that records other processes changed meanwhile in the same
+// window are not overwritten with the old copies held here.
+void MarkSlotChanged(TableControl* t, uint32_t slot);
 // Loads the window that starts at record n unless n is cached already.
 int32_t LoadWindow(TableControl* t, uint32_t n);
 // Pointer to record n in the cache, or nullptr when not cached.

@@ -126,6 +126,42 @@ TEST_F(TwoProcessTest, HeaderAndFileLocksExcludeEachOther) {
   EXPECT_EQ(DBCloseFile(h), 0);
 }
 
+TEST_F(TwoProcessTest, ABufferedWriteBackLeavesOtherProcessesRecordsAlone) {
+  // This process reads record 1 into its cache window (records 1..8), another
+  // process changes record 2 under its lock, then this process changes record
+  // 1 under its lock and writes back: record 2 must keep the other change.
+  int32_t h = Open(path_, 1 | DB_OPEN_SHARED);
+  ASSERT_EQ(DBLockRecord(h, 1), 0);
+  ASSERT_EQ(DBGetRecord(h, 1), 0);
+  Signal to_parent;
+  Child child([&](ChildChecks& checks) {
+    int32_t c = -1;
+    CHILD_EQ(checks, DBOpenFile(&c, path_.c_str(), 1 | DB_OPEN_AUTOLOCK), 0);
+    CHILD_EQ(checks, DBGetRecord(c, 2), 0);
+    CHILD_EQ(checks, DBPutStrField(c, 0, "other"), 0);
+    int32_t two = 2;
+    CHILD_EQ(checks, DBPutRecord(c, &two, DB_RECORD_REPLACE), 0);
+    CHILD_EQ(checks, DBCloseFile(c), 0);
+    to_parent.Send();
+  });
+  to_parent.Wait();
+  child.Join();
+  ASSERT_EQ(DBPutStrField(h, 0, "mine"), 0);
+  int32_t one = 1;
+  ASSERT_EQ(DBPutRecord(h, &one, DB_RECORD_REPLACE), 0);
+  // An append in the same window must not carry the old record 2 back either.
+  ASSERT_EQ(DBLockHeader(h), 0);
+  EXPECT_EQ(Append(h, "appended"), 9);
+  ASSERT_EQ(DBFlushFile(h), 0);
+  ASSERT_EQ(DBUnLockAll(h), 0);
+  ASSERT_EQ(DBCloseFile(h), 0);
+  h = Open(path_, 1);
+  EXPECT_EQ(Text(h, 1), "mine");
+  EXPECT_EQ(Text(h, 2), "other");
+  EXPECT_EQ(Text(h, 9), "appended");
+  EXPECT_EQ(DBCloseFile(h), 0);
+}
+
 // ---- What the lock calls do with bad input and failures -------------------
 
 TEST_F(TwoProcessTest, LocksOfAnUnsharedTableDoNothing) {
