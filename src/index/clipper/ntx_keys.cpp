@@ -48,6 +48,43 @@ int BinaryKeyLength(int type) {
   }
 }
 
+namespace {
+
+// The digits-point-decimals form that other programs of the dialect store:
+// the value rounded half away from zero to the decimals, the integer digits
+// zero-padded; a value too wide for the key becomes all '*' (and sorts
+// before every number); a value that rounds to zero is not negative.
+int32_t NumericWithDecimals(const char* text, int len, int d, int key_length, int decimals,
+                            char* key) {
+  char digits[512];
+  std::memcpy(digits, text, len + 1);
+  int last = decimals > 0 ? d + decimals : d - 1;
+  int first = decimals > 0 ? last - key_length + 1 : d - key_length;
+  int round_at = decimals > 0 ? last + 1 : d + 1;
+  bool overflow = first < 1;
+  if (round_at < len && digits[round_at] >= '5') {
+    if (RoundUp(digits, last, 1)) overflow = true;
+  }
+  for (int i = 1; i < first && !overflow; ++i) overflow = digits[i] != '0';
+  if (overflow) {
+    std::memset(key, '*', key_length);
+    key[key_length] = '\0';
+    return DB_WARN_ROUNDED;
+  }
+  bool zero = true;
+  for (int i = first; i <= last; ++i) zero &= digits[i] == '0' || digits[i] == '.';
+  bool negative = digits[0] == '-' && !zero;
+  for (int i = 0; i < key_length; ++i) {
+    char c = digits[first + i];
+    if (negative && c != '.') c = Complement92(c);
+    key[i] = c;
+  }
+  key[key_length] = '\0';
+  return 0;
+}
+
+}  // namespace
+
 int32_t NumericToKey(double value, int key_length, int decimals, int32_t form, char* key) {
   char text[512];
   int len = std::snprintf(text, sizeof text, "%+040.17f", value);
@@ -55,31 +92,21 @@ int32_t NumericToKey(double value, int key_length, int decimals, int32_t form, c
   const char* point = std::strchr(text, '.');
   if (!point) return DB_ERR_BAD_DATA;
   int d = static_cast<int>(point - text);
-  bool with_decimals = form == kNumericWithDecimals && decimals > 0;
-  // First and last key positions in the text, and the last position that
-  // takes part in rounding.
-  int first, last, kept;
-  if (with_decimals) {
-    last = d + decimals;
-    first = last - key_length + 1;
-    kept = last;
-  } else {
-    last = d - 1;
-    first = d - key_length;
-    kept = decimals == 0 ? d : d + decimals + 1;
+  if (form == kNumericWithDecimals) {
+    return NumericWithDecimals(text, len, d, key_length, decimals, key);
   }
+  // Key length integer digits, ending just before the point.  The last
+  // position that takes part in rounding is the point itself without
+  // decimals, else the position decimals + 1 after it.
+  int first = d - key_length;
+  int kept = decimals == 0 ? d : d + decimals + 1;
   if (kept + 1 >= len) kept = len - 2;
   int32_t status = 0;
   char digit = text[kept + 1];
-  bool up = false;
-  if (digit > '5') {
-    up = true;
-  } else if (digit == '5') {
-    if (with_decimals) {
-      up = true;
-    } else {
-      for (int i = kept + 2; i <= len - 3; ++i) up |= text[i] != '0';
-    }
+  bool up = digit > '5';
+  if (digit == '5') {
+    // An exact half (the last two digits printed do not count) stays.
+    for (int i = kept + 2; i <= len - 3; ++i) up |= text[i] != '0';
   }
   int lowest = first < 1 ? 1 : first;  // never the sign
   if (up && RoundUp(text, kept, lowest)) status = DB_WARN_ROUNDED;

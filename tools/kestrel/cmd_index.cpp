@@ -1,0 +1,174 @@
+// kestrel index build TABLE INDEX EXPRESSION: builds an .NTX index from a
+// table, showing progress on a terminal for long builds.
+// kestrel index keys INDEX [--table TABLE]: the keys in index order with
+// their record numbers; with the table, keys that no longer match their
+// record's key are marked.
+#include <unistd.h>
+
+#include <cstdio>
+#include <iostream>
+#include <memory>
+#include <string>
+
+#include "command.h"
+#include "index/clipper/ntx_build.h"
+#include "kestrel/kestrel.h"
+#include "table_text.h"
+
+namespace kestrel::tool {
+namespace {
+
+constexpr int32_t kProgressThreshold = 100000;
+
+struct BuildOptions {
+  std::string table;
+  std::string index;
+  std::string expression;
+  int32_t length = 0;
+  int32_t decimals = 0;
+  std::string type = "C";
+  bool unique = false;
+  bool descending = false;
+  bool with_decimals = false;
+  DialectOption dialect;
+};
+
+struct Progress {
+  bool show = false;
+  int last_phase = 0;
+  uint64_t last_percent = 101;
+};
+
+void ShowProgress(void* context, int phase, uint64_t done, uint64_t total) {
+  auto* p = static_cast<Progress*>(context);
+  if (!p->show || total == 0) return;
+  uint64_t percent = done * 100 / total;
+  if (phase == p->last_phase && percent == p->last_percent) return;
+  p->last_phase = phase;
+  p->last_percent = percent;
+  const char* what = phase == ntx::kBuildReading   ? "reading keys"
+                     : phase == ntx::kBuildSorting ? "merging runs"
+                                                   : "writing pages";
+  std::fprintf(stderr, "\r%-14s %3llu%%  (%llu of %llu)", what,
+               static_cast<unsigned long long>(percent), static_cast<unsigned long long>(done),
+               static_cast<unsigned long long>(total));
+  std::fflush(stderr);
+}
+
+void RunBuild(const BuildOptions& o) {
+  OpenTable table(o.table, o.dialect.value);
+  int32_t type = o.type.empty() ? 'C' : static_cast<unsigned char>(o.type[0]);
+  if (o.type.size() == 1 && o.type[0] >= '1' && o.type[0] <= '6') type = o.type[0] - '0';
+  int32_t length = o.length;
+  if (length == 0 && (type == 'C' || type == 'c') && table.record_count() > 0) {
+    // The key length of a character key: the length of the first record's value.
+    std::string expr = o.expression;
+    DBEXPRVALUE v{};
+    if (DBGetRecord(table.handle(), 1) >= 0 && DBEvaluateStr(table.handle(), expr.data(), &v) >= 0) {
+      length = v.length;
+      DBFreeMemory(v.value);
+    }
+  }
+  if (length == 0) length = (type == 'N' || type == 'n') ? 10 : 8;
+  if (o.unique) type |= DB_CL_UNIQUE;
+  if (o.descending) type |= DB_CL_DESCENDING;
+  if (o.with_decimals) type |= DB_CL_BUILD_WITH_DECIMALS;
+  Progress progress;
+  progress.show = isatty(2) && table.record_count() >= kProgressThreshold;
+  ntx::BuildProgress report{&ShowProgress, &progress};
+  std::string expr = o.expression;
+  int32_t rc = ntx::BuildIndex(table.handle(), o.index.c_str(), type, expr.data(), length,
+                               o.decimals, &report);
+  if (progress.show) std::fprintf(stderr, "\n");
+  if (rc < 0) FailWithStatus("cannot build " + o.index, rc);
+  std::cout << "built " << o.index << ": " << table.record_count() << " records, key " << expr
+            << ", length " << length << "\n";
+}
+
+struct KeysOptions {
+  std::string index;
+  std::string table;
+  DialectOption dialect;
+};
+
+std::string Printable(const char* key, int length) {
+  bool text = true;
+  for (int i = 0; i < length; ++i) {
+    unsigned char c = static_cast<unsigned char>(key[i]);
+    if (c < 0x20 || c == 0x7F) text = false;
+  }
+  if (text) return Latin1ToUtf8(std::string(key, length));
+  std::string hex;
+  char b[4];
+  for (int i = 0; i < length; ++i) {
+    std::snprintf(b, sizeof b, "%02X", static_cast<unsigned char>(key[i]));
+    hex += b;
+  }
+  return "0x" + hex;
+}
+
+void RunKeys(const KeysOptions& o) {
+  int32_t h = -1;
+  int32_t rc = DBclOpenIndex(&h, o.index.c_str(), DB_OPEN_READONLY);
+  if (rc < 0) FailWithStatus("cannot open " + o.index, rc);
+  DBCLINDEXINFO info{};
+  DBclGetIndexInfo(h, &info);
+  std::unique_ptr<OpenTable> table;
+  if (!o.table.empty()) table = std::make_unique<OpenTable>(o.table, o.dialect.value);
+  std::string key(info.key_length + 1, '\0');
+  int32_t rec = 0;
+  uint64_t mismatches = 0;
+  rc = DBclGoFirstKey(h, key.data(), &rec);
+  while (rc == 0) {
+    std::cout << rec << '\t' << Printable(key.data(), info.key_length);
+    if (table) {
+      char* made = nullptr;
+      bool same = rec >= 1 && rec <= table->record_count() && DBGetRecord(table->handle(), rec) >= 0 &&
+                  DBclMakeKey(table->handle(), h, &made) >= 0 &&
+                  std::string(made, info.key_length) == std::string(key.data(), info.key_length);
+      if (made) DBFreeMemory(made);
+      if (!same) {
+        std::cout << "\t(record's key differs)";
+        ++mismatches;
+      }
+    }
+    std::cout << '\n';
+    rc = DBclGoNextKey(h, key.data(), &rec);
+  }
+  DBclCloseIndex(h);
+  if (rc < 0) FailWithStatus("cannot read " + o.index, rc);
+  if (mismatches) {
+    std::cerr << "kestrel: " << mismatches << " key(s) differ from their records\n";
+    throw CLI::RuntimeError(1);
+  }
+}
+
+CommandRegistration reg{"index", [](CLI::App& app) {
+  auto* cmd = app.add_subcommand("index", "Build and list .NTX indexes");
+  cmd->require_subcommand(1);
+  auto* build = cmd->add_subcommand("build", "Build an .NTX index from a table");
+  auto b = std::make_shared<BuildOptions>();
+  build->add_option("TABLE", b->table, "The .DBF file")->required();
+  build->add_option("INDEX", b->index, "The .NTX file to write")->required();
+  build->add_option("EXPRESSION", b->expression, "Key expression")->required();
+  build->add_option("--length", b->length, "Key length (default: from the first record)");
+  build->add_option("--decimals", b->decimals, "Decimal places of a numeric key");
+  build->add_option("--type", b->type, "Key type: C, N, D or a binary type 1..6")
+      ->check(CLI::IsMember({"C", "N", "D", "c", "n", "d", "1", "2", "3", "4", "5", "6"}));
+  build->add_flag("--unique", b->unique, "One key per value");
+  build->add_flag("--descending", b->descending, "Keys in descending order");
+  build->add_flag("--clipper-numeric", b->with_decimals,
+                  "Numeric keys with point and decimals, as other programs of the dialect store them");
+  AddDialectOption(build, &b->dialect);
+  build->callback([b] { RunBuild(*b); });
+
+  auto* keys = cmd->add_subcommand("keys", "List the keys of an .NTX index in order");
+  auto k = std::make_shared<KeysOptions>();
+  keys->add_option("INDEX", k->index, "The .NTX file")->required();
+  keys->add_option("--table", k->table, "Compare each key with its record's key");
+  AddDialectOption(keys, &k->dialect);
+  keys->callback([k] { RunKeys(*k); });
+}};
+
+}  // namespace
+}  // namespace kestrel::tool
