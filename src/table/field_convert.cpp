@@ -233,6 +233,7 @@ int32_t GetValue(const TableControl* t, const FieldInfo& f, void* out) {
     }
     case 'L': {
       auto* byte = static_cast<uint8_t*>(out);
+      if (f.length == 0) return 0;  // a damaged descriptor: nothing to read
       if (blank) {
         *byte = 0;
         return DB_WARN_FIELD_EMPTY;

@@ -81,14 +81,26 @@ TEST_F(HostileFilesTest, DamagedHeadersGiveTheirErrors) {
 // Random damage to the header and descriptors: whatever an open says, it
 // must not crash, and a table that opens must read every record and field.
 TEST_F(HostileFilesTest, RandomHeaderDamageNeverCrashes) {
-  const std::string path = Good("FUZZ.DBF", 6);
+  std::vector<DBFIELD> fields = {Field("NAME", 'C', 5), Field("QTY", 'N', 4, 1), Field("OK", 'L'),
+                                 Field("DAY", 'D'),     Field("MEMO", 'M'),      Field("I16", 6)};
+  const std::string path = Create("FUZZ.DBF", fields, 6);
+  int32_t h = Open(path, 6);
+  for (int i = 0; i < 3; ++i) {
+    DBPutStrField(h, 0, "abc");
+    DBPutStrField(h, 2, "T");
+    DBPutStrField(h, 3, "20240229");
+    int32_t r = 0;
+    ASSERT_EQ(DBPutRecord(h, &r, DB_RECORD_APPEND), 0);
+  }
+  ASSERT_EQ(DBCloseFile(h), 0);
   const std::vector<uint8_t> good = ReadFileBytes(path);
+  const size_t header = 32 * fields.size() + 33;
   std::mt19937 rng(1234);
   int opened = 0;
   for (int i = 0; i < 3000; ++i) {
     std::vector<uint8_t> b = good;
     int hits = 1 + static_cast<int>(rng() % 4);
-    for (int k = 0; k < hits; ++k) b[rng() % 98] = static_cast<uint8_t>(rng());
+    for (int k = 0; k < hits; ++k) b[rng() % header] = static_cast<uint8_t>(rng());
     if (rng() % 8 == 0) b.resize(rng() % b.size());
     // A new file each time: rewriting one file in place makes the file
     // system flush it on every close.
@@ -119,6 +131,29 @@ TEST_F(HostileFilesTest, RandomHeaderDamageNeverCrashes) {
   }
   EXPECT_GT(opened, 10);
   ExpectNothingOpen();
+}
+
+// Fields of length 0 (a damaged descriptor whose record length agrees) read
+// and write nothing outside the record.
+TEST_F(HostileFilesTest, ZeroLengthFieldsStayInsideTheRecord) {
+  const std::string path =
+      Create("ZERO.DBF", {Field("NAME", 'C', 5), Field("N", 'N', 3), Field("OK", 'L')}, 1);
+  std::vector<uint8_t> b = ReadFileBytes(path);
+  b[64 + 16] = 0;  // N length 0
+  b[96 + 16] = 0;  // L length 0
+  b[10] = 6;       // record length: flag + C5
+  WriteFileBytes(path, b);
+  int32_t h = Open(path, 1);
+  uint8_t out[16] = {7, 7};
+  EXPECT_EQ(DBGetFieldData(h, 2, out), 0);
+  EXPECT_EQ(out[0], 7);
+  double v = 1;
+  EXPECT_EQ(DBGetFieldData(h, 1, &v), 0);
+  EXPECT_EQ(DBPutFieldData(h, 2, "T"), 0);
+  v = 5;
+  EXPECT_EQ(DBPutFieldData(h, 1, &v), DB_ERR_BAD_DATA);
+  EXPECT_EQ(DBIsFieldBlank(h, 2), 0);
+  DBCloseFile(h);
 }
 
 // Makes the nth allocation fail for n = 1, 2, ... until the operation
