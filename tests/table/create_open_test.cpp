@@ -199,6 +199,17 @@ TEST_F(CreateOpenTest, YearByteRulesOfCreateUpdateAndLastUpdate) {
   EXPECT_STREQ(text, expected);
   EXPECT_EQ(DBGetLastUpdate(h, nullptr, DB_DATE_DBASE), DB_ERR_NULL);
   DBCloseFile(h);
+
+  // Unbuffered writes update the header at once.
+  std::string direct = Create("DIRECT.DBF", {Field("A", 'C', 4)}, 1);
+  EXPECT_EQ(ReadFileBytes(direct)[1], today.year - 1900);
+  h = Open(direct, 1 | DB_OPEN_UNBUFFERED);
+  ASSERT_EQ(DBPutRecord(h, &r, DB_RECORD_APPEND), 0);
+  b = ReadFileBytes(direct);
+  EXPECT_EQ(b[1], today.year % 100);
+  EXPECT_EQ(b[4], 1);
+  EXPECT_EQ(b.back(), 0x1A);
+  DBCloseFile(h);
 }
 
 TEST_F(CreateOpenTest, ProductionIndexFlagsAndFieldIndexedMarks) {
