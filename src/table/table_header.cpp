@@ -49,20 +49,23 @@ int32_t WriteHeader(TableControl* t, bool own_count) {
     // Taking the lock re-read the count; an append being written keeps its own.
     if (own_count && mine > t->RecordCount()) t->SetRecordCount(mine);
   }
-  int32_t rc = 0;
-  if (t->Shared() && !own_count) {
-    // Another process may have appended since this handle last looked: keep
-    // its count rather than writing an older one over it.
-    rc = RefreshRecordCount(t);
-  }
+  int32_t year = 0, month = 0, day = 0, weekday = 0;
+  SetErrorCode(0);  // the clock reports the current code on success
+  int32_t rc = DBGetDate3(&year, &month, &day, &weekday);
   if (rc >= 0) {
-    int32_t year = 0, month = 0, day = 0, weekday = 0;
-    SetErrorCode(0);  // the clock reports the current code on success
-    rc = DBGetDate3(&year, &month, &day, &weekday);
-    if (rc >= 0) {
-      t->header[kHdrYear] = static_cast<uint8_t>(year % 100);
-      t->header[kHdrMonth] = static_cast<uint8_t>(month);
-      t->header[kHdrDay] = static_cast<uint8_t>(day);
+    t->header[kHdrYear] = static_cast<uint8_t>(year % 100);
+    t->header[kHdrMonth] = static_cast<uint8_t>(month);
+    t->header[kHdrDay] = static_cast<uint8_t>(day);
+    if (t->Shared() && !own_count) {
+      // The count belongs to whoever appends under the header lock: a
+      // shared table that did not append writes only the version and date
+      // (and the deleted-record chain it keeps), never an older count over
+      // another process's.
+      rc = FileWriteAt(t->file, 0, t->header, kHdrRecordCount, t->write_through);
+      if (rc >= 0 && (t->attributes & kAttrReuse)) {
+        rc = FileWriteAt(t->file, kHdrChainHead, t->header + kHdrChainHead, 4, t->write_through);
+      }
+    } else {
       rc = FileWriteAt(t->file, 0, t->header, kHeaderSize, t->write_through);
     }
   }
