@@ -150,6 +150,34 @@ TEST_F(SharedTablesTest, BufferedSharedTablesSeeOtherWritersAfterAFlush) {
   EXPECT_EQ(bytes[4], 22);
 }
 
+// A replace in a shared table stamps the date but writes no header byte it
+// does not own: neither the count nor a flag another handle set meanwhile.
+TEST_F(SharedTablesTest, ReplacesLeaveOtherHandlesHeaderChangesAlone) {
+  std::string path = Make(8, 3);
+  int32_t a = OpenAs(path, 8 | DB_OPEN_AUTOLOCK);
+  int32_t b = OpenAs(path, 8 | DB_OPEN_SHARED);
+  EXPECT_EQ(Count(a), 3);
+  ASSERT_EQ(DBSetProductionIndex(b), 0);
+  ASSERT_EQ(DBLockHeader(b), 0);
+  EXPECT_EQ(Append(b, "four"), 4);
+  ASSERT_EQ(DBFlushFile(b), 0);
+  ASSERT_EQ(DBUnLockHeader(b), 0);
+  std::vector<uint8_t> before = ReadFileBytes(path);
+  before[1] = 0;  // the date is a's to stamp
+  DBPutStrField(a, 0, "new");
+  int32_t r = 1;
+  ASSERT_EQ(DBPutRecord(a, &r, DB_RECORD_REPLACE), 0);
+  std::vector<uint8_t> after = ReadFileBytes(path);
+  after[1] = 0;
+  EXPECT_EQ(std::vector<uint8_t>(after.begin(), after.begin() + 32),
+            std::vector<uint8_t>(before.begin(), before.begin() + 32));
+  EXPECT_EQ(after[28], 1);
+  EXPECT_EQ(after[4], 4);
+  EXPECT_EQ(Read(b, 1), "new");
+  DBCloseFile(a);
+  DBCloseFile(b);
+}
+
 TEST_F(SharedTablesTest, ClipperCountsWholeRecordsInTheFile) {
   std::string path = Make(6, 4);
   std::vector<uint8_t> bytes = ReadFileBytes(path);
