@@ -32,7 +32,7 @@ KESTREL_EXTERN_C_BEGIN
 /* ---- DBT memo files ------------------------------------------------------ */
 
 /* DBxbGetMemoRecord options. */
-#define DB_MEMO_RAW 0            /* the text as stored */
+#define DB_MEMO_RAW 0              /* the text as stored */
 #define DB_MEMO_NO_SOFT_BREAKS 256 /* soft line breaks (0x8D + next byte) removed */
 
 /* DBxbPutMemoRecord mode: low byte the soft line length (0, or 10..132),
@@ -56,10 +56,10 @@ typedef struct DBXBMEMOINFO {
 /* Creates a memo file (replacing one of that name) and closes it.  blocks
  * 1..32 is the dBASE IV block size in 512-byte units (ignored by the plain
  * layout); dialect 1..7. */
-KESTREL_API int32_t DBxbCreateMemo(const char *name, int32_t blocks, int32_t dialect);
+KESTREL_API int32_t DBxbCreateMemo(const char* name, int32_t blocks, int32_t dialect);
 /* Opens a memo file; the low byte of mode is the dialect (0 = 1), the other
  * bits the open switch word (0x100, 0x200, 0x400, 0x800). */
-KESTREL_API int32_t DBxbOpenMemo(int32_t *handle, const char *name, int32_t mode);
+KESTREL_API int32_t DBxbOpenMemo(int32_t* handle, const char* name, int32_t mode);
 KESTREL_API int32_t DBxbCloseMemo(int32_t handle);
 /* Memo lock of a shared file; nothing to do for an exclusive one. */
 KESTREL_API int32_t DBxbLockMemo(int32_t handle);
@@ -68,20 +68,19 @@ KESTREL_API int32_t DBxbUnLockMemo(int32_t handle);
 KESTREL_API int32_t DBxbGetMemoHeader(int32_t handle);
 /* Reads the memo at block into a new buffer (free it with DBFreeMemory);
  * *text is NULL on failure. */
-KESTREL_API int32_t DBxbGetMemoRecord(int32_t handle, uint32_t block, char **text,
-                                      int32_t option);
+KESTREL_API int32_t DBxbGetMemoRecord(int32_t handle, uint32_t block, char** text, int32_t option);
 /* Writes a zero-terminated text; *block is the memo to replace (mode
  * DB_MEMO_REPLACE; 0 appends) and receives the memo's block number. */
-KESTREL_API int32_t DBxbPutMemoRecord(int32_t handle, uint32_t *block, const char *text,
+KESTREL_API int32_t DBxbPutMemoRecord(int32_t handle, uint32_t* block, const char* text,
                                       int32_t mode);
 /* Rewrites the memo file of a table keeping only the memos that active
  * records point to, and rewrites their block numbers in the table.  The old
  * file is kept with the extension ".BKT"; *memo_handle receives the handle
  * of the reopened memo file. */
-KESTREL_API int32_t DBxbPackMemo(int32_t table_handle, int32_t *memo_handle);
+KESTREL_API int32_t DBxbPackMemo(int32_t table_handle, int32_t* memo_handle);
 /* Empties the memo file: a new header and nothing else. */
 KESTREL_API int32_t DBxbZapMemo(int32_t handle);
-KESTREL_API int32_t DBxbGetMemoInfo(int32_t handle, DBXBMEMOINFO *info);
+KESTREL_API int32_t DBxbGetMemoInfo(int32_t handle, DBXBMEMOINFO* info);
 
 /* ---- FPT memo files ------------------------------------------------------ */
 
@@ -89,7 +88,7 @@ KESTREL_API int32_t DBxbGetMemoInfo(int32_t handle, DBXBMEMOINFO *info);
 #define DB_FPT_KEEP_BUFFER 0x004 /* reuse the library buffer of the previous get */
 #define DB_FPT_PIECES 0x400      /* read or write a memo in several calls */
 /* DBfpPutMemoRecord options: placement DB_MEMO_APPEND or DB_MEMO_REPLACE, plus: */
-#define DB_FPT_PICTURE 0x200     /* write a picture (binary) memo, type word 0 */
+#define DB_FPT_PICTURE 0x200 /* write a picture (binary) memo, type word 0 */
 /* Type reported by DBfpGetMemoType. */
 #define DB_FPT_TYPE_TEXT 0
 #define DB_FPT_TYPE_PICTURE 512
@@ -113,35 +112,35 @@ typedef struct DBFPMEMOINFO {
 
 /* Creates an FPT file and closes it.  block_code 1..32: that many times 512
  * bytes; 33..511: the block size in bytes. */
-KESTREL_API int32_t DBfpCreateMemo(const char *name, int32_t block_code);
+KESTREL_API int32_t DBfpCreateMemo(const char* name, int32_t block_code);
 /* Opens an FPT file; the low byte of switches must be 0, 4 or 8. */
-KESTREL_API int32_t DBfpOpenMemo(int32_t *handle, const char *name, int32_t switches);
+KESTREL_API int32_t DBfpOpenMemo(int32_t* handle, const char* name, int32_t switches);
 KESTREL_API int32_t DBfpCloseMemo(int32_t handle);
 KESTREL_API int32_t DBfpLockMemo(int32_t handle);
 KESTREL_API int32_t DBfpUnLockMemo(int32_t handle);
-KESTREL_API int32_t DBfpGetMemoHeader(int32_t handle, DBFPMEMOHEADER *header);
-KESTREL_API int32_t DBfpGetMemoInfo(int32_t handle, DBFPMEMOINFO *info);
+KESTREL_API int32_t DBfpGetMemoHeader(int32_t handle, DBFPMEMOHEADER* header);
+KESTREL_API int32_t DBfpGetMemoInfo(int32_t handle, DBFPMEMOINFO* info);
 /* Length of the memo's data and its type (DB_FPT_TYPE_TEXT or _PICTURE). */
-KESTREL_API int32_t DBfpGetMemoType(int32_t handle, uint32_t block, uint32_t *length,
-                                    int32_t *type);
+KESTREL_API int32_t DBfpGetMemoType(int32_t handle, uint32_t block, uint32_t* length,
+                                    int32_t* type);
 /* Reads at most max_length bytes of the memo into a library buffer that
  * stays valid until the next get or the close; the data is followed by a
  * zero.  With DB_FPT_PIECES the read continues after the previous piece of
  * the same memo; the result is 1 while bytes remain. */
-KESTREL_API int32_t DBfpGetMemoRecord(int32_t handle, uint32_t block, char **buffer,
+KESTREL_API int32_t DBfpGetMemoRecord(int32_t handle, uint32_t block, char** buffer,
                                       uint32_t max_length, int32_t options);
 /* The same into the caller's buffer of max_length bytes; a zero follows the
  * data when there is room for it. */
-KESTREL_API int32_t DBfpGetMemoToBuffer(int32_t handle, uint32_t block, char *buffer,
+KESTREL_API int32_t DBfpGetMemoToBuffer(int32_t handle, uint32_t block, char* buffer,
                                         uint32_t max_length, int32_t options);
 /* Writes length bytes of data.  With DB_FPT_PIECES, total_length is the
  * length of the whole memo: the first piece places the memo and writes its
  * header, later pieces (same *block) follow on. */
-KESTREL_API int32_t DBfpPutMemoRecord(int32_t handle, uint32_t *block, const void *data,
+KESTREL_API int32_t DBfpPutMemoRecord(int32_t handle, uint32_t* block, const void* data,
                                       uint32_t length, uint32_t total_length, int32_t options);
 KESTREL_API int32_t DBfpZapMemo(int32_t handle);
 /* As DBxbPackMemo, for a FoxPro table and its FPT file. */
-KESTREL_API int32_t DBfpPackMemo(int32_t table_handle, int32_t *memo_handle);
+KESTREL_API int32_t DBfpPackMemo(int32_t table_handle, int32_t* memo_handle);
 
 KESTREL_EXTERN_C_END
 

@@ -98,8 +98,7 @@ KESTREL_API int32_t DBxbGetMemoHeader(int32_t handle) {
   });
 }
 
-KESTREL_API int32_t DBxbGetMemoRecord(int32_t handle, uint32_t block, char** text,
-                                      int32_t option) {
+KESTREL_API int32_t DBxbGetMemoRecord(int32_t handle, uint32_t block, char** text, int32_t option) {
   return Guarded([&]() -> int32_t {
     if (!text) return KS_FAIL(kGet, DB_ERR_NULL);
     *text = nullptr;

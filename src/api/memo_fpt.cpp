@@ -199,8 +199,8 @@ KESTREL_API int32_t DBfpPutMemoRecord(int32_t handle, uint32_t* block, const voi
     uint32_t type = (options & DB_FPT_PICTURE) ? kFptTypePicture : kFptTypeText;
     Succeed();
     return UnderWriteLock(*m, kPut, [&]() -> int32_t {
-      int32_t r = FptWrite(*m, block, static_cast<const uint8_t*>(data), length, total_length,
-                           type, placement == DB_MEMO_REPLACE, (options & DB_FPT_PIECES) != 0);
+      int32_t r = FptWrite(*m, block, static_cast<const uint8_t*>(data), length, total_length, type,
+                           placement == DB_MEMO_REPLACE, (options & DB_FPT_PIECES) != 0);
       if (r < 0) return KS_PASS(kPut, r);
       return 0;
     });

@@ -25,7 +25,7 @@ constexpr ModulePath kInfo = KS_ENGINE_MODULE("TINFO");
 // File header.
 constexpr size_t kNextFreeOffset = 0;
 constexpr size_t kHeaderWordSize = 4;
-constexpr size_t kIvHeaderSize = 24;   // significant bytes of a dBASE IV header
+constexpr size_t kIvHeaderSize = 24;  // significant bytes of a dBASE IV header
 constexpr size_t kIvNameOffset = 8;
 constexpr size_t kIvNameSize = 8;
 constexpr size_t kIvMark1Offset = 18;  // holds 2
@@ -107,8 +107,7 @@ int32_t WriteHeaderWord(DbtMemo& m, ModulePath module) {
 
 // True when block b starts inside the file.
 bool BlockInFile(const DbtMemo& m, uint32_t b) {
-  return b >= 1 && b <= m.block_count &&
-         static_cast<uint64_t>(b) * m.block_size < m.file_size;
+  return b >= 1 && b <= m.block_count && static_cast<uint64_t>(b) * m.block_size < m.file_size;
 }
 
 // Finds the 0x1A that ends the plain memo at pos.  With out != nullptr the
@@ -155,7 +154,8 @@ int32_t ReadIvMemoHeader(DbtMemo& m, uint32_t b, size_t* length, ModulePath modu
   uint32_t stored = LoadLE32(header + kBlockLengthOffset);
   // A length that does not fit in the file is refused before anything is
   // allocated for it.
-  if (stored < kBlockHeaderSize || stored - kBlockHeaderSize > m.file_size - pos - kBlockHeaderSize) {
+  if (stored < kBlockHeaderSize ||
+      stored - kBlockHeaderSize > m.file_size - pos - kBlockHeaderSize) {
     return KS_FAIL(module, DB_ERR_CORRUPTED);
   }
   *length = stored - kBlockHeaderSize;
@@ -212,8 +212,8 @@ int32_t WritePlain(DbtMemo& m, uint32_t replace_block, const uint8_t* text, size
     bool in_place = soft_wrapped || length + 2 <= bs;
     if (!in_place) {
       size_t old_length = 0;
-      int32_t rc = ScanPlain(m, static_cast<uint64_t>(replace_block) * bs, nullptr, &old_length,
-                             kPut);
+      int32_t rc =
+          ScanPlain(m, static_cast<uint64_t>(replace_block) * bs, nullptr, &old_length, kPut);
       if (rc < 0) return rc;
       size_t old_blocks = (bs + old_length - 1) / bs;
       size_t new_blocks = (bs + length + 2 - 1) / bs;
@@ -488,8 +488,8 @@ int32_t DbtWrite(DbtMemo& m, uint32_t replace_block, const uint8_t* text, size_t
 }
 
 int32_t DbtZap(DbtMemo& m) {
-  int32_t rc = WriteEmptyFile(m.file, IsIvLayout(m), NameOf(m.name), m.block_size, FlushFlag(m),
-                              kZap);
+  int32_t rc =
+      WriteEmptyFile(m.file, IsIvLayout(m), NameOf(m.name), m.block_size, FlushFlag(m), kZap);
   if (rc < 0) return rc;
   m.next_free = 1;
   m.file_size = (IsIvLayout(m) ? m.block_size : kPlainBlockSize) + 1;

@@ -32,7 +32,9 @@ constexpr size_t kMemoHeaderSize = 8;
 
 int32_t FlushFlag(const FptMemo& m) { return (m.attributes & kAttrWriteThrough) ? 1 : 0; }
 
-uint32_t FirstDataBlock(uint32_t block_size) { return (block_size + kHeaderBytes - 1) / block_size; }
+uint32_t FirstDataBlock(uint32_t block_size) {
+  return (block_size + kHeaderBytes - 1) / block_size;
+}
 
 int32_t WriteNextFree(FptMemo& m, uint32_t next_free, ModulePath module) {
   uint8_t word[4];
@@ -198,8 +200,8 @@ int32_t FptRead(FptMemo& m, uint32_t block, uint32_t max, bool pieces, Buffer& o
   return 0;
 }
 
-int32_t FptWrite(FptMemo& m, uint32_t* block, const uint8_t* data, uint32_t length,
-                 uint32_t total, uint32_t type, bool reuse, bool pieces) {
+int32_t FptWrite(FptMemo& m, uint32_t* block, const uint8_t* data, uint32_t length, uint32_t total,
+                 uint32_t type, bool reuse, bool pieces) {
   const uint32_t bs = m.block_size;
   if (pieces && m.write_block != 0 && m.write_block == *block && m.write_remaining > 0) {
     // A later piece: it follows the previous one, the header stays.

@@ -27,15 +27,15 @@ inline constexpr uint32_t kFptTypeText = 1;
 
 // Control block of an open FPT file (handle kind 4).
 struct FptMemo : ControlBlock {
-  FileHandle file;        // the open file
-  int32_t switches;       // normalised open switch word
-  uint32_t attributes;    // kAttr* bits
-  bool locked;            // this handle holds the memo lock
-  uint32_t next_free;     // header: next free block
-  uint32_t block_size;    // header: block size in bytes
-  uint64_t file_size;     // bytes in the file as last seen
-  Buffer name;            // the name given to open, zero-terminated
-  Buffer read_buffer;     // library-owned result of DBfpGetMemoRecord
+  FileHandle file;      // the open file
+  int32_t switches;     // normalised open switch word
+  uint32_t attributes;  // kAttr* bits
+  bool locked;          // this handle holds the memo lock
+  uint32_t next_free;   // header: next free block
+  uint32_t block_size;  // header: block size in bytes
+  uint64_t file_size;   // bytes in the file as last seen
+  Buffer name;          // the name given to open, zero-terminated
+  Buffer read_buffer;   // library-owned result of DBfpGetMemoRecord
   // A memo being read in pieces.
   uint32_t read_block;
   uint32_t read_remaining;

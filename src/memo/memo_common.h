@@ -19,9 +19,9 @@ inline constexpr int32_t kSwitchAutoLock = 0x800;
 
 // Attribute bits kept in a memo control block (reported by the info calls),
 // besides kAttrReadOnly and kAttrShared, which FileOpen sets.
-inline constexpr uint32_t kAttrUnbuffered = 0x02;   // always: no library cache
-inline constexpr uint32_t kAttrAutoLock = 0x08;     // lock around each write
-inline constexpr uint32_t kAttrWriteThrough = 0x10; // flush every write
+inline constexpr uint32_t kAttrUnbuffered = 0x02;    // always: no library cache
+inline constexpr uint32_t kAttrAutoLock = 0x08;      // lock around each write
+inline constexpr uint32_t kAttrWriteThrough = 0x10;  // flush every write
 
 // The memo lock: one byte far beyond the end of any real memo file, the
 // same region for both formats, so that two processes sharing a memo file

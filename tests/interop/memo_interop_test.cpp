@@ -18,8 +18,8 @@ namespace {
 // dBASE IV sizes leave at least 8 bytes of padding in the last block, because
 // python3-dbfread reads 8 bytes past the length stored in a block header.
 const std::vector<size_t>& Sizes() {
-  static const std::vector<size_t> sizes = {1, 100, 0, 480, 510, 511, 512, 600, 0, 1000, 1022,
-                                            5000, 20000};
+  static const std::vector<size_t> sizes = {1,   100, 0,    480,  510,  511,  512,
+                                            600, 0,   1000, 1022, 5000, 20000};
   return sizes;
 }
 
@@ -47,7 +47,8 @@ std::vector<uint32_t> RawMemoBlocks(const std::string& dbf, const std::string& f
   uint32_t length = bytes[10] | (bytes[11] << 8);
   uint32_t offset = 1, width = 0, at = 0;
   for (size_t d = 32; d + 32 <= header && bytes[d] != 0x0D; d += 32) {
-    std::string name(reinterpret_cast<const char*>(&bytes[d]), strnlen(reinterpret_cast<const char*>(&bytes[d]), 11));
+    std::string name(reinterpret_cast<const char*>(&bytes[d]),
+                     strnlen(reinterpret_cast<const char*>(&bytes[d]), 11));
     if (name == field) {
       at = offset;
       width = bytes[d + 16];
@@ -138,9 +139,9 @@ class MemoInteropTest : public ::testing::Test {
       EXPECT_EQ(DBPutStrField(t, 0, ("rec" + std::to_string(i + 1)).c_str()), 0);
       if (!text.empty()) {
         uint32_t b = 0;
-        int32_t rc = l.fpt ? DBfpPutMemoRecord(m, &b, text.data(),
-                                               static_cast<uint32_t>(text.size()), 0, 0)
-                           : DBxbPutMemoRecord(m, &b, text.c_str(), 0);
+        int32_t rc =
+            l.fpt ? DBfpPutMemoRecord(m, &b, text.data(), static_cast<uint32_t>(text.size()), 0, 0)
+                  : DBxbPutMemoRecord(m, &b, text.c_str(), 0);
         EXPECT_EQ(rc, 0);
         EXPECT_EQ(DBPutFieldData(t, 1, &b), 0);
       }
@@ -156,8 +157,7 @@ class MemoInteropTest : public ::testing::Test {
       std::string text = TextOf(r == 2 ? 3000 : 40, 100 + r);
       uint32_t nb = b;
       int32_t rc = l.fpt ? DBfpPutMemoRecord(m, &nb, text.data(),
-                                             static_cast<uint32_t>(text.size()), 0,
-                                             DB_MEMO_REPLACE)
+                                             static_cast<uint32_t>(text.size()), 0, DB_MEMO_REPLACE)
                          : DBxbPutMemoRecord(m, &nb, text.c_str(), DB_MEMO_REPLACE);
       EXPECT_EQ(rc, 0);
       EXPECT_EQ(DBPutFieldData(t, 1, &nb), 0);
@@ -178,9 +178,8 @@ const Layout kLayouts[] = {{"dbt_plain", 1, false, 1},
                            {"fpt_64", 8, true, 64},
                            {"fpt_512", 8, true, 1}};
 
-class KestrelMemosRead
-    : public MemoInteropTest,
-      public ::testing::WithParamInterface<std::tuple<Layout, Checker>> {};
+class KestrelMemosRead : public MemoInteropTest,
+                         public ::testing::WithParamInterface<std::tuple<Layout, Checker>> {};
 
 TEST_P(KestrelMemosRead, ByChecker) {
   const auto& [layout, checker] = GetParam();
@@ -214,18 +213,18 @@ TEST_P(KestrelMemosRead, ByChecker) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Memo, KestrelMemosRead,
-    ::testing::Combine(::testing::ValuesIn(kLayouts),
-                       ::testing::Values(Checker::kDbfread, Checker::kPythonDbf,
-                                         Checker::kPerlXBase)),
-    [](const auto& info) {
-      std::string c = CheckerName(std::get<1>(info.param));
-      for (char& ch : c) {
-        if (!isalnum(static_cast<unsigned char>(ch))) ch = '_';
-      }
-      return std::string(std::get<0>(info.param).name) + "_" + c;
-    });
+INSTANTIATE_TEST_SUITE_P(Memo, KestrelMemosRead,
+                         ::testing::Combine(::testing::ValuesIn(kLayouts),
+                                            ::testing::Values(Checker::kDbfread,
+                                                              Checker::kPythonDbf,
+                                                              Checker::kPerlXBase)),
+                         [](const auto& info) {
+                           std::string c = CheckerName(std::get<1>(info.param));
+                           for (char& ch : c) {
+                             if (!isalnum(static_cast<unsigned char>(ch))) ch = '_';
+                           }
+                           return std::string(std::get<0>(info.param).name) + "_" + c;
+                         });
 
 // Tables written by the checkers: the memo file read here gives the texts the
 // writer reports.  Tables whose version byte one of the engine's dialects
@@ -291,18 +290,25 @@ TEST_P(CheckerMemosRead, ByKestrel) {
 INSTANTIATE_TEST_SUITE_P(
     Memo, CheckerMemosRead,
     ::testing::Values(
-        Writer{"pydbf_db3", Checker::kPythonDbf, "memo_write_pydbf.py", "db3",
-               {"", 1, false, 1}, true},
+        Writer{"pydbf_db3",
+               Checker::kPythonDbf,
+               "memo_write_pydbf.py",
+               "db3",
+               {"", 1, false, 1},
+               true},
         // python3-dbf gives its FoxPro tables a header length that no
         // dialect accepts (-219): their memos are followed from the file.
-        Writer{"pydbf_fp", Checker::kPythonDbf, "memo_write_pydbf.py", "fp", {"", 8, true, 0},
-               false},
-        Writer{"xbase_3", Checker::kPerlXBase, "memo_write_xbase.pl", "3", {"", 1, false, 1},
-               true},
-        Writer{"xbase_4", Checker::kPerlXBase, "memo_write_xbase.pl", "4", {"", 2, false, 1},
-               false},
-        Writer{"xbase_fpt", Checker::kPerlXBase, "memo_write_xbase.pl", "fpt",
-               {"", 8, true, 0}, false}),
+        Writer{
+            "pydbf_fp", Checker::kPythonDbf, "memo_write_pydbf.py", "fp", {"", 8, true, 0}, false},
+        Writer{"xbase_3", Checker::kPerlXBase, "memo_write_xbase.pl", "3", {"", 1, false, 1}, true},
+        Writer{
+            "xbase_4", Checker::kPerlXBase, "memo_write_xbase.pl", "4", {"", 2, false, 1}, false},
+        Writer{"xbase_fpt",
+               Checker::kPerlXBase,
+               "memo_write_xbase.pl",
+               "fpt",
+               {"", 8, true, 0},
+               false}),
     [](const auto& info) { return std::string(info.param.name); });
 
 // The memo fixtures through the table engine: each record's memo field leads
@@ -372,8 +378,7 @@ INSTANTIATE_TEST_SUITE_P(
         FixtureCase{"staff.dbf", "staff.dbt", "staff.dbt.expected.tsv", {"", 6, false, 1}},
         FixtureCase{"plain.dbf", "plain.dbt", "plain.dbt.expected.tsv", {"", 1, false, 1}},
         FixtureCase{"fstaff.dbf", "fstaff.fpt", "fstaff.fpt.expected.tsv", {"", 8, true, 0}},
-        FixtureCase{"fstaf512.dbf", "fstaf512.fpt", "fstaf512.fpt.expected.tsv",
-                    {"", 8, true, 0}}),
+        FixtureCase{"fstaf512.dbf", "fstaf512.fpt", "fstaf512.fpt.expected.tsv", {"", 8, true, 0}}),
     [](const auto& info) {
       std::string n = info.param.table;
       return n.substr(0, n.find('.'));

@@ -40,8 +40,8 @@ TEST_F(FixtureTest, DbtFilesOfOtherPrograms) {
     const char* file;
     int32_t dialect;
     size_t expected_rows;
-  } cases[] = {{"staff.dbt", 6, 259},   {"plain.dbt", 1, 44}, {"dbase_83.dbt", 1, 67},
-               {"dbase_8b.dbt", 2, 9},  {"client.dbt", 2, 6}, {"staff.dbt", 3, 259}};
+  } cases[] = {{"staff.dbt", 6, 259},  {"plain.dbt", 1, 44}, {"dbase_83.dbt", 1, 67},
+               {"dbase_8b.dbt", 2, 9}, {"client.dbt", 2, 6}, {"staff.dbt", 3, 259}};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.file);
     auto rows = LoadExpected(std::string(c.file) + ".expected.tsv");

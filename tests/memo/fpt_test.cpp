@@ -30,8 +30,8 @@ TEST_F(FptTest, BlockSizeCodes) {
   struct Case {
     int32_t code;
     uint32_t block_size, next_free, file_size;
-  } cases[] = {{1, 512, 1, 512},   {64, 64, 8, 512},      {2, 1024, 1, 1024},
-               {33, 33, 16, 528},  {100, 100, 6, 600},   {32, 16384, 1, 16384}};
+  } cases[] = {{1, 512, 1, 512},  {64, 64, 8, 512},   {2, 1024, 1, 1024},
+               {33, 33, 16, 528}, {100, 100, 6, 600}, {32, 16384, 1, 16384}};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.code);
     int32_t h = Make("c" + std::to_string(c.code) + ".fpt", c.code);
@@ -93,7 +93,7 @@ TEST_F(FptTest, ReuseInPlaceOrMoved) {
   uint32_t b = Put(h, std::string(40, 'a'));
   EXPECT_EQ(b, 8u);
   uint32_t after = Put(h, "next");
-  EXPECT_EQ(Put(h, std::string(50, 'b'), b), b);  // 58 <= 64
+  EXPECT_EQ(Put(h, std::string(50, 'b'), b), b);      // 58 <= 64
   uint32_t moved = Put(h, std::string(100, 'c'), b);  // 108 > 64
   EXPECT_GT(moved, after);
   int32_t rc = 0;
@@ -114,8 +114,8 @@ TEST_F(FptTest, PiecesWrittenAndRead) {
   uint32_t before = Put(h, "before");
   uint32_t b = 0;
   for (size_t at = 0; at < data.size(); at += 1000) {
-    ASSERT_EQ(DBfpPutMemoRecord(h, &b, data.data() + at, 1000,
-                                static_cast<uint32_t>(data.size()), DB_FPT_PIECES),
+    ASSERT_EQ(DBfpPutMemoRecord(h, &b, data.data() + at, 1000, static_cast<uint32_t>(data.size()),
+                                DB_FPT_PIECES),
               0);
   }
   uint32_t after = Put(h, "after");

@@ -204,14 +204,15 @@ TEST_P(PackTest, ReadOnlyMemoIsRefused) {
   DBCloseFile(t);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Formats, PackTest,
-    ::testing::Values(Format{"dbt_plain", 3, false, 1, 512, 2, 1},
-                      Format{"dbt_dbase4", 2, false, 1, 512, 8, 1},
-                      Format{"dbt_dbase4_2k", 2, false, 4, 2048, 8, 1},
-                      Format{"fpt_64", 8, true, 64, 64, 8, 8},
-                      Format{"fpt_512", 8, true, 1, 512, 8, 1}),
-    [](const ::testing::TestParamInfo<Format>& info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(Formats, PackTest,
+                         ::testing::Values(Format{"dbt_plain", 3, false, 1, 512, 2, 1},
+                                           Format{"dbt_dbase4", 2, false, 1, 512, 8, 1},
+                                           Format{"dbt_dbase4_2k", 2, false, 4, 2048, 8, 1},
+                                           Format{"fpt_64", 8, true, 64, 64, 8, 8},
+                                           Format{"fpt_512", 8, true, 1, 512, 8, 1}),
+                         [](const ::testing::TestParamInfo<Format>& info) {
+                           return std::string(info.param.name);
+                         });
 
 }  // namespace
 }  // namespace kestrel::test

@@ -61,17 +61,18 @@ void RunMemo(const MemoOptions& options) {
   std::cout.flush();
 }
 
-CommandRegistration reg{"memo", [](CLI::App& app) {
-  auto* cmd = app.add_subcommand("memo", "Print the memo of one record's memo field, raw");
-  auto options = std::make_shared<MemoOptions>();
-  cmd->add_option("TABLE", options->table, "The .DBF file")->required();
-  cmd->add_option("FIELD", options->field, "Memo field name or 0-based number")->required();
-  cmd->add_option("RECNO", options->recno, "Record number (from 1)")->required();
-  cmd->add_flag("!--no-soft-breaks", options->soft_breaks,
-                "Remove soft line breaks (0x8D and the byte after it)");
-  AddDialectOption(cmd, &options->dialect);
-  cmd->callback([options] { RunMemo(*options); });
-}};
+CommandRegistration reg{
+    "memo", [](CLI::App& app) {
+      auto* cmd = app.add_subcommand("memo", "Print the memo of one record's memo field, raw");
+      auto options = std::make_shared<MemoOptions>();
+      cmd->add_option("TABLE", options->table, "The .DBF file")->required();
+      cmd->add_option("FIELD", options->field, "Memo field name or 0-based number")->required();
+      cmd->add_option("RECNO", options->recno, "Record number (from 1)")->required();
+      cmd->add_flag("!--no-soft-breaks", options->soft_breaks,
+                    "Remove soft line breaks (0x8D and the byte after it)");
+      AddDialectOption(cmd, &options->dialect);
+      cmd->callback([options] { RunMemo(*options); });
+    }};
 
 }  // namespace
 }  // namespace kestrel::tool
