@@ -1,6 +1,7 @@
 // Record access: the cache capacity rules, append / replace / read round
 // trips through real files (checked against an in-memory model), the end
 // markers, the deleted-record chain and the caller's record buffer.
+#include <algorithm>
 #include <map>
 #include <random>
 
@@ -239,6 +240,60 @@ TEST_F(RecordsTest, DeletedRecordsAreReusedLastInFirstOut) {
   ASSERT_EQ(DBMarkRecordInActive(h, 1), 0);
   EXPECT_EQ(Append(h, "plain"), 8);
   DBCloseFile(h);
+}
+
+// Random deletes, recalls and appends with reuse on, against a model of the
+// chain (a list, most recently deleted first); a small cache makes the links
+// come from both the cache and the file.  After a reopen the chain goes on.
+TEST_F(RecordsTest, ReuseChainFollowsAModel) {
+  for (int32_t mode : {DB_OPEN_REUSE, DB_OPEN_REUSE | DB_OPEN_UNBUFFERED}) {
+    SCOPED_TRACE(mode);
+    int32_t h = OpenText(mode & DB_OPEN_UNBUFFERED ? "CU.DBF" : "CB.DBF", 10, mode);
+    int32_t records = 3;
+    if (!(mode & DB_OPEN_UNBUFFERED)) {
+      ASSERT_EQ(DBGetSetCacheSize(h, &records, DB_CACHE_SET), 0);
+    }
+    std::vector<int32_t> chain;           // most recently deleted first
+    std::map<int32_t, std::string> live;  // active records and their text
+    int32_t count = 0;
+    std::mt19937 rng(99 + mode);
+    for (int step = 0; step < 2000; ++step) {
+      if (step == 1000) {  // the chain head lives on in the header
+        ASSERT_EQ(DBCloseFile(h), 0);
+        h = Open(path_, 1 | mode);
+      }
+      int op = static_cast<int>(rng() % 3);
+      if (op == 0 || count == 0) {
+        std::string text = "v" + std::to_string(step);
+        int32_t expected = chain.empty() ? count + 1 : chain.front();
+        ASSERT_EQ(Append(h, text), expected) << step;
+        if (chain.empty()) {
+          ++count;
+        } else {
+          chain.erase(chain.begin());
+        }
+        live[expected] = text;
+      } else {
+        int32_t r = static_cast<int32_t>(rng() % count) + 1;
+        bool deleted = std::find(chain.begin(), chain.end(), r) != chain.end();
+        if (op == 1) {
+          ASSERT_EQ(DBMarkRecordInActive(h, r), 0);
+          if (!deleted) {
+            chain.insert(chain.begin(), r);
+            live.erase(r);
+          }
+        } else {
+          ASSERT_EQ(DBMarkRecordActive(h, r), deleted ? 0 : DB_WARN_KEY_NOT_FOUND);
+          if (deleted) chain.erase(std::find(chain.begin(), chain.end(), r));
+        }
+      }
+      if (step % 50 == 0) {
+        for (const auto& [r, text] : live) ASSERT_EQ(Read(h, r), text) << r;
+      }
+    }
+    ASSERT_EQ(DBCloseFile(h), 0);
+  }
+  ExpectNothingOpen();
 }
 
 TEST_F(RecordsTest, CallersRecordBufferAndUnpackedRecords) {
