@@ -56,6 +56,7 @@ void ShowProgress(void* context, int phase, uint64_t done, uint64_t total) {
 }
 
 void RunBuild(const BuildOptions& o) {
+  DBSetDefaultDateStyle(15);  // date keys from four-digit years
   OpenTable table(o.table, o.dialect.value);
   int32_t type = o.type.empty() ? 'C' : static_cast<unsigned char>(o.type[0]);
   if (o.type.size() == 1 && o.type[0] >= '1' && o.type[0] <= '6') type = o.type[0] - '0';
@@ -108,6 +109,7 @@ std::string Printable(const char* key, int length) {
 }
 
 void RunKeys(const KeysOptions& o) {
+  DBSetDefaultDateStyle(15);
   int32_t h = -1;
   int32_t rc = DBclOpenIndex(&h, o.index.c_str(), DB_OPEN_READONLY);
   if (rc < 0) FailWithStatus("cannot open " + o.index, rc);
