@@ -213,7 +213,14 @@ TEST_F(LockRegionsTest, UnsharedTablesTakeNoLocks) {
   int32_t h = -1;
   ASSERT_EQ(DBOpenFile(&h, path_.c_str(), 1), 0);
   EXPECT_EQ(DBLockFile(h), 0);
-  EXPECT_TRUE(Info(h).empty());
+  DBLOCKINFO sentinel{};
+  DBLOCKINFO* locks = &sentinel;
+  int32_t count = -1;
+  EXPECT_EQ(DBGetLockInfo(h, &locks, &count), 0);
+  EXPECT_EQ(count, 0);
+  EXPECT_EQ(locks, &sentinel);  // left untouched
+  EXPECT_EQ(DBGetLockInfo(h, nullptr, &count), DB_ERR_NULL);
+  EXPECT_EQ(DBIsRecordLocked(h, 1), DB_ERR_NULL);  // unshared: the current code
   int32_t used = -1, capacity = 0;
   DBGetLockCount(&used, &capacity);
   EXPECT_EQ(used, 0);
