@@ -57,6 +57,13 @@ int32_t Failing(DBEXPRVALUE* current) {
   return DB_ERR_BAD_DATA;
 }
 
+// INNER: evaluates another expression from inside a callback.
+int32_t g_inner_table = -1;
+int32_t Inner(DBEXPRVALUE* current) {
+  char text[] = "left(first,2)";
+  return DBEvaluateStr(g_inner_table, text, current);
+}
+
 std::vector<std::string> Names() {
   std::vector<std::string> names;
   int16_t count = 0;
@@ -153,6 +160,16 @@ TEST_F(ExprTest, KeywordsTakePartInEvaluation) {
   EXPECT_EQ(Eval("TWICE(PRICE)").rc, DB_ERR_BAD_EXPRESSION);
   EXPECT_EQ(Eval("TWICE(NAME").rc, 0);  // the ")" may be missing at the very end
   EXPECT_EQ(Eval("TWICE(NAME,3)").rc, DB_ERR_BAD_EXPRESSION);  // not its ")"
+  EXPECT_EQ(testing::LiveAllocations(), live);
+}
+
+TEST_F(ExprTest, ACallbackMayEvaluateAnotherExpression) {
+  g_inner_table = table_;
+  ASSERT_EQ(DBAddParseEntry("INNER", Inner), 0);
+  ASSERT_EQ(DBAddParseEntry("TWICE(", Twice), 0);
+  long live = testing::LiveAllocations();
+  // The enclosing evaluation carries on where it was after the inner one.
+  EXPECT_EQ(Eval("NAME+INNER+TWICE(INNER)+FIRST").bytes, "SMITH     JOJOJOJOHN    ");
   EXPECT_EQ(testing::LiveAllocations(), live);
 }
 
