@@ -237,8 +237,11 @@ int32_t FptWrite(FptMemo& m, uint32_t* block, const uint8_t* data, uint32_t leng
   if (target == 0) {
     target = std::max(m.next_free, FirstDataBlock(bs));
     if (target + span > 0xFFFFFFFFu) return KS_FAIL(kPut, DB_ERR_WRITE);
+    // The file is set to end where the memo starts: cut when it is longer;
+    // when it is shorter, writing at the start extends it with zeros, the
+    // same bytes a truncation to that length would give, at one call less.
     uint64_t start = static_cast<uint64_t>(target) * bs;
-    if (m.file_size != start) {
+    if (m.file_size > start) {
       int32_t rc = FileTruncate(m.file, start);
       if (rc < 0) return KS_PASS(kPut, rc);
       m.file_size = start;
