@@ -152,8 +152,6 @@ void Discard(int32_t handle, TableControl* t) {
 using namespace kestrel;
 using namespace kestrel::table;
 
-namespace {}  // namespace
-
 extern "C" KESTREL_API int32_t DBOpenFile(int32_t* handle, const char* name, int32_t mode) {
   return Guarded([&]() -> int32_t {
     if (!handle || !name) {
