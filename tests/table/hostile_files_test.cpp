@@ -157,6 +157,33 @@ TEST_F(HostileFilesTest, ZeroLengthFieldsStayInsideTheRecord) {
   DBCloseFile(h);
 }
 
+// A damaged deleted-record chain: a head beyond the table is refused, a
+// chain that loops ends the walk instead of hanging.
+TEST_F(HostileFilesTest, DamagedReuseChainsNeitherHangNorWriteOutside) {
+  const std::string path = Good("CHAIN.DBF");  // header 97, record length 10
+  std::vector<uint8_t> b = ReadFileBytes(path);
+  b[16] = 9;  // head: record 9 of 3
+  WriteFileBytes(path, b);
+  int32_t h = Open(path, 1 | DB_OPEN_REUSE);
+  int32_t r = 0;
+  EXPECT_EQ(DBPutRecord(h, &r, DB_RECORD_APPEND), DB_ERR_CORRUPTED);
+  DBCloseFile(h);
+  b[16] = 1;  // head: record 1, which links to itself
+  b[97] = '*';
+  b[98] = 1, b[99] = 0, b[100] = 0, b[101] = 0;
+  b[107] = '*';  // record 2 deleted but not in the chain
+  WriteFileBytes(path, b);
+  h = Open(path, 1 | DB_OPEN_REUSE);
+  EXPECT_EQ(DBMarkRecordActive(h, 2), 0);
+  EXPECT_EQ(DBPutRecord(h, &r, DB_RECORD_APPEND), 0);
+  EXPECT_EQ(r, 1);
+  int32_t count = 0;
+  DBGetRecordCount(h, &count);
+  EXPECT_EQ(count, 3);
+  DBCloseFile(h);
+  ExpectNothingOpen();
+}
+
 // Makes the nth allocation fail for n = 1, 2, ... until the operation
 // succeeds; every failure must be -203 and leave nothing behind.
 TEST_F(HostileFilesTest, EveryAllocationFailureDuringOpenCreateAndAppend) {
