@@ -207,6 +207,9 @@ int32_t TakeFreeRun(DbtMemo& m, uint32_t need, uint32_t* found, uint32_t* next_f
 int32_t WritePlain(DbtMemo& m, uint32_t replace_block, const uint8_t* text, size_t length,
                    bool soft_wrapped, uint32_t* block) {
   const size_t bs = kPlainBlockSize;
+  // A text the reader would refuse (its end mark beyond 128 blocks) is not
+  // written either.
+  if (length + 2 > kMaxPlainBlocks * bs) return KS_FAIL(kPut, DB_ERR_FIELD_LENGTH);
   if (replace_block != 0) {
     if (!BlockInFile(m, replace_block)) return KS_FAIL(kPut, DB_ERR_SEEK);
     bool in_place = soft_wrapped || length + 2 <= bs;

@@ -251,6 +251,12 @@ TEST_F(DbtTest, BadArgumentsAndDamagedFiles) {
   EXPECT_EQ(DBxbGetMemoRecord(h + 1, b, nullptr, 0), DB_ERR_NULL);
   char* t = nullptr;
   EXPECT_EQ(DBxbGetMemoRecord(h + 1, b, &t, 0), DB_ERR_INVALID_HANDLE);
+  // The plain layout holds texts up to 128 blocks with their end marks.
+  std::string longest(128 * 512 - 2, 'l');
+  uint32_t lb = Put(h, longest);
+  EXPECT_EQ(GetDbt(h, lb, &rc), longest);
+  blk = 0;
+  EXPECT_EQ(DBxbPutMemoRecord(h, &blk, (longest + "x").c_str(), 0), DB_ERR_FIELD_LENGTH);
   DBxbCloseMemo(h);
 
   // A plain memo whose end marker is missing: the file ends inside the text.
