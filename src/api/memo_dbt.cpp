@@ -41,9 +41,17 @@ int32_t UnderWriteLock(DbtMemo& m, ModulePath module, Body&& body) {
   if (!(m.attributes & kAttrAutoLock)) return KS_FAIL(module, DB_ERR_MUST_LOCK);
   int32_t rc = DbtLock(m);
   if (rc < 0) return KS_PASS(module, rc);
+  // The lock taken here is released on every way out, a shortage of memory
+  // inside the write included.
+  struct Release {
+    DbtMemo& memo;
+    ~Release() { DbtUnlock(memo); }
+  } release{m};
   int32_t result = body();
-  rc = DbtUnlock(m);
-  if (result >= 0 && rc < 0) result = KS_PASS(module, rc);
+  if (result >= 0) {
+    rc = DbtUnlock(m);
+    if (rc < 0) result = KS_PASS(module, rc);
+  }
   return result;
 }
 

@@ -36,9 +36,17 @@ int32_t UnderWriteLock(FptMemo& m, ModulePath module, Body&& body) {
   if (!(m.attributes & kAttrAutoLock)) return KS_FAIL(module, DB_ERR_MUST_LOCK);
   int32_t rc = FptLock(m);
   if (rc < 0) return KS_PASS(module, rc);
+  // The lock taken here is released on every way out, a shortage of memory
+  // inside the write included.
+  struct Release {
+    FptMemo& memo;
+    ~Release() { FptUnlock(memo); }
+  } release{m};
   int32_t result = body();
-  rc = FptUnlock(m);
-  if (result >= 0 && rc < 0) result = KS_PASS(module, rc);
+  if (result >= 0) {
+    rc = FptUnlock(m);
+    if (rc < 0) result = KS_PASS(module, rc);
+  }
   return result;
 }
 

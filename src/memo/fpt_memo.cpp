@@ -219,6 +219,7 @@ int32_t FptWrite(FptMemo& m, uint32_t* block, const uint8_t* data, uint32_t leng
   if (!pieces) total = length;
   if (total < length) return KS_FAIL(kPut, DB_ERR_BAD_DATA);
   uint64_t span = (static_cast<uint64_t>(total) + kMemoHeaderSize + bs - 1) / bs;
+  Vec<uint8_t> image(kMemoHeaderSize + length);
   uint32_t target = 0;
   uint32_t next_free = m.next_free;
   if (reuse && *block != 0) {
@@ -249,7 +250,6 @@ int32_t FptWrite(FptMemo& m, uint32_t* block, const uint8_t* data, uint32_t leng
     next_free = static_cast<uint32_t>(target + span);
   }
   uint64_t pos = static_cast<uint64_t>(target) * bs;
-  Vec<uint8_t> image(kMemoHeaderSize + length);
   StoreBE32(image.data() + kTypeOffset, type);
   StoreBE32(image.data() + kLengthOffset, total);
   std::memcpy(image.data() + kMemoHeaderSize, data, length);

@@ -60,6 +60,12 @@ class OwnedBlock {
   bool Resize(size_t size);
   uint8_t* data() { return data_; }
   size_t size() const { return size_; }
+  // Takes ownership of a block from MemAlloc.
+  void Adopt(uint8_t* data, size_t size) {
+    MemFree(data_);
+    data_ = data;
+    size_ = size;
+  }
   uint8_t* Release() {
     uint8_t* p = data_;
     data_ = nullptr;

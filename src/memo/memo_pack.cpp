@@ -159,12 +159,40 @@ class TableLock {
   bool held_ = false;
 };
 
+// The work file of a pack: closed, and deleted unless it became the memo
+// file, on every way out (a shortage of memory included).
+class WorkFile {
+ public:
+  WorkFile(const char* name, bool fpt) : name_(name), fpt_(fpt) {}
+  ~WorkFile() {
+    // Clean-up keeps the status of the failure that brought us here.
+    int32_t code = ErrorCode();
+    Close();
+    if (!kept_ && FileExists(name_)) FileDelete(name_);
+    SetErrorCode(code);
+  }
+  WorkFile(const WorkFile&) = delete;
+  WorkFile& operator=(const WorkFile&) = delete;
+  int32_t* handle() { return &handle_; }
+  void Close() {
+    if (handle_ >= 0) fpt_ ? FptClose(handle_) : DbtClose(handle_);
+    handle_ = -1;
+  }
+  void Keep() { kept_ = true; }
+
+ private:
+  const char* name_;
+  bool fpt_;
+  int32_t handle_ = -1;
+  bool kept_ = false;
+};
+
 // Replaces the memo file by the work file, keeping the old one as backup.
-int32_t SwapFiles(const char* memo_name, const char* work_name, ModulePath module) {
-  Vec<char> backup = ReplaceExtension(memo_name, ".BKT");
-  FileDelete(backup.data());  // a missing backup is no failure
+int32_t SwapFiles(const char* memo_name, const char* work_name, const char* backup,
+                  ModulePath module) {
+  FileDelete(backup);  // a missing backup is no failure
   Succeed();
-  int32_t rc = FileRename(backup.data(), memo_name);
+  int32_t rc = FileRename(backup, memo_name);
   if (rc != 0) return KS_PASS(module, rc < 0 ? rc : DB_ERR_ACCESS_DENIED);
   rc = FileRename(memo_name, work_name);
   if (rc != 0) return KS_PASS(module, rc < 0 ? rc : DB_ERR_ACCESS_DENIED);
@@ -194,39 +222,35 @@ int32_t PackDbt(int32_t table, int32_t* memo_handle) {
   Vec<char> memo_name(NameOf(old_memo->name), NameOf(old_memo->name) + old_memo->name.size());
   if (memo_name.empty() || memo_name.back() != '\0') memo_name.push_back('\0');
   Vec<char> work_name = WorkFileName(memo_name.data(), ".DBT");
+  Vec<char> backup = ReplaceExtension(memo_name.data(), ".BKT");
   int32_t blocks = static_cast<int32_t>(old_memo->block_size / kPlainBlockSize);
+  WorkFile work_file(work_name.data(), false);
   rc = DbtCreate(work_name.data(), blocks < 1 ? 1 : blocks, old_memo->dialect);
   if (rc < 0) return KS_PASS(module, rc);
-  int32_t work_handle = -1;
-  rc = DbtOpen(&work_handle, work_name.data(), old_memo->dialect);
-  if (rc < 0) {
-    FileDelete(work_name.data());
-    return KS_PASS(module, rc);
-  }
+  rc = DbtOpen(work_file.handle(), work_name.data(), old_memo->dialect);
+  if (rc < 0) return KS_PASS(module, rc);
   DbtMemo* work = nullptr;
-  CheckHandle(work_handle, DB_KIND_DBT_MEMO, &work);
+  CheckHandle(*work_file.handle(), DB_KIND_DBT_MEMO, &work);
   Vec<Change> changes;
   rc = CollectChanges(view, changes, module, [&](uint32_t old_block, uint32_t* new_block) {
-    uint8_t* text = nullptr;
+    OwnedBlock text;
+    uint8_t* data = nullptr;
     size_t length = 0;
-    int32_t r = DbtRead(*old_memo, old_block, &text, &length);
+    int32_t r = DbtRead(*old_memo, old_block, &data, &length);
     if (r < 0) return r;
-    r = DbtWrite(*work, 0, text, length, false, new_block);
-    MemFree(text);
-    return r;
+    text.Adopt(data, length + 1);
+    return DbtWrite(*work, 0, text.data(), length, false, new_block);
   });
-  DbtClose(work_handle);
-  if (rc < 0) {
-    FileDelete(work_name.data());
-    return rc;
-  }
+  if (rc < 0) return rc;
+  work_file.Close();
 
   // 2. Swap the files and reopen.
   int32_t switches = old_memo->switches;
   DbtClose(*memo_handle);
   *memo_handle = -1;
   Succeed();
-  rc = SwapFiles(memo_name.data(), work_name.data(), module);
+  work_file.Keep();
+  rc = SwapFiles(memo_name.data(), work_name.data(), backup.data(), module);
   if (rc < 0) return rc;
   rc = DbtOpen(memo_handle, memo_name.data(), switches);
   if (rc < 0) return KS_PASS(module, rc);
@@ -257,17 +281,15 @@ int32_t PackFpt(int32_t table, int32_t* memo_handle) {
   Vec<char> memo_name(NameOf(old_memo->name), NameOf(old_memo->name) + old_memo->name.size());
   if (memo_name.empty() || memo_name.back() != '\0') memo_name.push_back('\0');
   Vec<char> work_name = WorkFileName(memo_name.data(), ".FPT");
+  Vec<char> backup = ReplaceExtension(memo_name.data(), ".BKT");
   uint32_t bs = old_memo->block_size;
+  WorkFile work_file(work_name.data(), true);
   rc = FptCreate(work_name.data(), static_cast<int32_t>(bs > 511 ? bs / 512 : bs));
   if (rc < 0) return KS_PASS(module, rc);
-  int32_t work_handle = -1;
-  rc = FptOpen(&work_handle, work_name.data(), 0);
-  if (rc < 0) {
-    FileDelete(work_name.data());
-    return KS_PASS(module, rc);
-  }
+  rc = FptOpen(work_file.handle(), work_name.data(), 0);
+  if (rc < 0) return KS_PASS(module, rc);
   FptMemo* work = nullptr;
-  CheckHandle(work_handle, DB_KIND_FPT_MEMO, &work);
+  CheckHandle(*work_file.handle(), DB_KIND_FPT_MEMO, &work);
   Vec<Change> changes;
   Buffer data;
   rc = CollectChanges(view, changes, module, [&](uint32_t old_block, uint32_t* new_block) {
@@ -282,17 +304,15 @@ int32_t PackFpt(int32_t table, int32_t* memo_handle) {
     // An empty memo keeps a header of its own, as the old file had it.
     return FptWrite(*work, new_block, data.data(), count, count, type, false, false);
   });
-  FptClose(work_handle);
-  if (rc < 0) {
-    FileDelete(work_name.data());
-    return rc;
-  }
+  if (rc < 0) return rc;
+  work_file.Close();
 
   int32_t switches = old_memo->switches;
   FptClose(*memo_handle);
   *memo_handle = -1;
   Succeed();
-  rc = SwapFiles(memo_name.data(), work_name.data(), module);
+  work_file.Keep();
+  rc = SwapFiles(memo_name.data(), work_name.data(), backup.data(), module);
   if (rc < 0) return rc;
   rc = FptOpen(memo_handle, memo_name.data(), switches);
   if (rc < 0) return KS_PASS(module, rc);

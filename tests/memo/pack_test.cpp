@@ -2,10 +2,12 @@
 // memos that active records point to, and the records get the new numbers.
 #include <array>
 #include <cstring>
+#include <filesystem>
 #include <map>
 #include <vector>
 
 #include "memo_test_util.h"
+#include "runtime/memory.h"
 
 namespace kestrel::test {
 namespace {
@@ -213,6 +215,76 @@ INSTANTIATE_TEST_SUITE_P(Formats, PackTest,
                          [](const ::testing::TestParamInfo<Format>& info) {
                            return std::string(info.param.name);
                          });
+
+}  // namespace
+}  // namespace kestrel::test
+
+namespace kestrel::test {
+namespace {
+
+// Allocation failures anywhere in a pack: -203, nothing leaks, and a pack
+// that failed before the swap leaves both files as they were.
+TEST_F(MemoTest, PackAllocationFailures) {
+  for (bool fpt : {true, false}) {
+    SCOPED_TRACE(fpt ? "fpt" : "dbt");
+    const int32_t dialect = fpt ? 8 : 2;
+    std::string dbf = dir_.File(fpt ? "f.dbf" : "d.dbf");
+    std::string memo = dir_.File(fpt ? "f.fpt" : "d.dbt");
+    auto open_memo = [&](int32_t* m) {
+      return fpt ? DBfpOpenMemo(m, memo.c_str(), 0) : DBxbOpenMemo(m, memo.c_str(), dialect);
+    };
+    auto close_memo = [&](int32_t m) { return fpt ? DBfpCloseMemo(m) : DBxbCloseMemo(m); };
+    DBFIELD fields[1] = {};
+    std::strcpy(fields[0].name, "NOTES");
+    fields[0].type = 'M';
+    ASSERT_EQ(DBCreateFile(dbf.c_str(), 1, fields, dialect), 0);
+    ASSERT_EQ(fpt ? DBfpCreateMemo(memo.c_str(), 64) : DBxbCreateMemo(memo.c_str(), 1, dialect), 0);
+    int32_t t = -1, m = -1;
+    ASSERT_EQ(DBOpenFile(&t, dbf.c_str(), dialect), 0);
+    ASSERT_EQ(open_memo(&m), 0);
+    for (int i = 0; i < 20; ++i) {
+      std::string text(100 + 50 * i, static_cast<char>('a' + i));
+      uint32_t b = 0;
+      ASSERT_EQ(
+          fpt ? DBfpPutMemoRecord(m, &b, text.data(), static_cast<uint32_t>(text.size()), 0, 0)
+              : DBxbPutMemoRecord(m, &b, text.c_str(), 0),
+          0);
+      ASSERT_EQ(DBClearBuffer(t), 0);
+      ASSERT_EQ(DBPutFieldData(t, 0, &b), 0);
+      int32_t recno = 0;
+      ASSERT_EQ(DBPutRecord(t, &recno, DB_RECORD_APPEND), 0);
+    }
+    ASSERT_EQ(DBMarkRecordInActive(t, 3), 0);
+    close_memo(m);
+    DBCloseFile(t);
+    const auto table_bytes = ReadFileBytes(dbf);
+    const auto memo_bytes = ReadFileBytes(memo);
+
+    bool completed = false;
+    for (long n = 1; n < 400 && !completed; ++n) {
+      WriteFileBytes(dbf, table_bytes);
+      WriteFileBytes(memo, memo_bytes);
+      long live = kestrel::testing::LiveAllocations();
+      ASSERT_EQ(DBOpenFile(&t, dbf.c_str(), dialect), 0);
+      ASSERT_EQ(open_memo(&m), 0);
+      kestrel::testing::FailAllocation(n);
+      int32_t rc = fpt ? DBfpPackMemo(t, &m) : DBxbPackMemo(t, &m);
+      kestrel::testing::FailAllocation(0);
+      ASSERT_TRUE(rc == 0 || rc == DB_ERR_MEMORY) << "n=" << n << " rc=" << rc;
+      completed = rc == 0;
+      if (m >= 0) close_memo(m);
+      DBCloseFile(t);
+      if (!completed && m >= 0) {
+        // A pack that failed before the swap changed nothing.
+        EXPECT_EQ(ReadFileBytes(memo), memo_bytes) << "n=" << n;
+        EXPECT_EQ(ReadFileBytes(dbf), table_bytes) << "n=" << n;
+        EXPECT_FALSE(std::filesystem::exists(dir_.File(fpt ? "0.fpt" : "0.dbt"))) << "n=" << n;
+      }
+      EXPECT_EQ(kestrel::testing::LiveAllocations(), live) << "n=" << n;
+    }
+    EXPECT_TRUE(completed);
+  }
+}
 
 }  // namespace
 }  // namespace kestrel::test
