@@ -52,22 +52,33 @@ bool SameKey(const Layout& l, const uint8_t* a, const uint8_t* b) {
 }
 
 struct SortKey {
-  uint64_t prefix;  // the first 8 key bytes as a number (inverted when descending)
-  uint32_t index;   // entry within the run
+  uint64_t high;   // key bytes 0..7 as a number (inverted when descending)
+  uint64_t low;    // key bytes 8..15 likewise
+  uint32_t index;  // entry within the run
 };
+
+uint64_t PrefixWord(const uint8_t* key, int from, int length) {
+  uint64_t p = 0;
+  for (int b = from; b < from + 8; ++b) p = (p << 8) | (b < length ? key[b] : 0);
+  return p;
+}
 
 void SortRun(const Layout& l, const uint8_t* entries, uint32_t n, Vec<SortKey>* order) {
   order->resize(n);
-  int prefix_bytes = l.key_length < 8 ? l.key_length : 8;
   for (uint32_t i = 0; i < n; ++i) {
     const uint8_t* e = entries + static_cast<size_t>(i) * l.entry_size;
-    uint64_t p = 0;
-    for (int b = 0; b < 8; ++b) p = (p << 8) | (b < prefix_bytes ? e[b] : 0);
-    (*order)[i] = SortKey{l.descending ? ~p : p, i};
+    uint64_t high = PrefixWord(e, 0, l.key_length);
+    uint64_t low = PrefixWord(e, 8, l.key_length);
+    if (l.descending) {
+      high = ~high;
+      low = ~low;
+    }
+    (*order)[i] = SortKey{high, low, i};
   }
   const size_t size = l.entry_size;
   std::sort(order->begin(), order->end(), [&](const SortKey& a, const SortKey& b) {
-    if (a.prefix != b.prefix) return a.prefix < b.prefix;
+    if (a.high != b.high) return a.high < b.high;
+    if (a.low != b.low) return a.low < b.low;
     return CompareEntries(l, entries + a.index * size, entries + b.index * size) < 0;
   });
 }

@@ -234,10 +234,26 @@ int32_t CoreSearch(NtxIndex* ix, const SearchKey& key, uint32_t record, int mode
   int32_t rc = StartAtRoot(ix, &page, module);
   if (rc != 0) return rc;
   enum Action { kAdvance, kDown, kFound };
+  bool entered = true;  // the page was just entered at position 0
   for (;;) {
     int lvl = k.level;
-    int i = k.path[lvl].pos;
     int n = PageCount(page);
+    if (entered) {
+      // Every item that sorts before the sought key is stepped over one by
+      // one by the rules below; a binary search lands on the first item that
+      // does not, or on the last item when all of them do.
+      int lo = 0, hi = n - 1;
+      while (lo < hi) {
+        int mid = (lo + hi) / 2;
+        int c = Compare(key.bytes, ItemKey(Item(page, mid)), key.compare_length);
+        if (descending) c = -c;
+        if (c > 0) lo = mid + 1;
+        else hi = mid;
+      }
+      k.path[lvl].pos = lo;
+      entered = false;
+    }
+    int i = k.path[lvl].pos;
     const uint8_t* item = Item(page, i);
     int c = Compare(key.bytes, ItemKey(item), key.compare_length);
     if (descending) c = -c;
@@ -271,6 +287,7 @@ int32_t CoreSearch(NtxIndex* ix, const SearchKey& key, uint32_t record, int mode
         k.path[lvl].pos = n;
         rc = Descend(ix, last_child, 0, &page, module);
         if (rc < 0) return rc;
+        entered = true;
         continue;
       }
       for (;;) {
@@ -300,6 +317,7 @@ int32_t CoreSearch(NtxIndex* ix, const SearchKey& key, uint32_t record, int mode
     if (child != 0) {
       rc = Descend(ix, child, 0, &page, module);
       if (rc < 0) return rc;
+      entered = true;
       continue;
     }
     return StopOnItem(ix, mode, module);
