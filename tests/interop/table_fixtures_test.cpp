@@ -250,6 +250,11 @@ TEST_F(TableFixturesTest, ForeignAndDamagedTablesAreRefused) {
       {"javadbf_test_delete.dbf", DB_ERR_VERSION},
       {"ruby-dbf_dbase_02.dbf", DB_ERR_VERSION},
       {"ruby-dbf_mazovia.dbf", DB_ERR_VERSION},
+      // An 11-character field name ("value_f_non") fills the name slot with no
+      // terminator.
+      {"dbase-rs_contain_none_float.dbf", DB_ERR_FIELD_NAME},
+      // A FoxPro table with a general (G) field, a type the engine does not know.
+      {"php-xbase_foxpro_Foxpro2.dbf", DB_ERR_FIELD_TYPE},
   };
   for (const Case& c : cases) {
     const std::string path = Fixture(std::string("realworld/") + c.name);
