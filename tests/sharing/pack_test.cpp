@@ -55,7 +55,8 @@ class PackTest : public SharingTest {
   // The files in the temp dir, by name.
   std::vector<std::string> Files() {
     std::vector<std::string> out;
-    for (const auto& e : fs::directory_iterator(dir_.path())) out.push_back(e.path().filename().string());
+    for (const auto& e : fs::directory_iterator(dir_.path()))
+      out.push_back(e.path().filename().string());
     std::sort(out.begin(), out.end());
     return out;
   }
@@ -274,6 +275,18 @@ TEST_F(PackTest, BadCallsAreRefusedAndChangeNothing) {
   EXPECT_EQ(DBCloseFile(h), 0);
   EXPECT_EQ(ReadFileBytes(path), original);
   EXPECT_EQ(Files(), (std::vector<std::string>{"BAD.DBF", "SELF.BAK"}));
+
+  // A header that counts more records than the file holds: the copy cannot
+  // read them, and the table is left as it is.
+  // The end marker and the last 10 bytes of record 3 go.
+  std::vector<uint8_t> cut(original.begin(), original.end() - 11);
+  WriteFileBytes(path, cut);
+  h = Open(path, 1);
+  EXPECT_EQ(DBPackFile(&h), DB_ERR_READ);
+  EXPECT_EQ(Count(h), 3);
+  EXPECT_EQ(DBCloseFile(h), 0);
+  EXPECT_EQ(ReadFileBytes(path), cut);
+  EXPECT_EQ(Files(), (std::vector<std::string>{"BAD.DBF", "SELF.BAK"}));
 }
 
 TEST_F(PackTest, AnotherProcessHoldingARecordStopsASharedPack) {
@@ -339,8 +352,8 @@ TEST_F(PackTest, ABackupThatCannotBeReplacedLeavesTheTableUnderItsName) {
 }
 
 TEST_F(PackTest, RunningOutOfMemoryAnywhereLosesNoData) {
-  // The nth allocation of the pack fails, for every n: each failure reports an error and leaves the records either in
-  // the table (open under the same or a new handle) or, once the files were
+  // The nth allocation of the pack fails, for every n: each failure reports an error and leaves the
+  // records either in the table (open under the same or a new handle) or, once the files were
   // switched, in the packed table - never lost, and nothing leaks.
   std::string path = Make("MEM.DBF", 40, {1, 10, 40});
   std::vector<uint8_t> original = ReadFileBytes(path);
@@ -388,9 +401,9 @@ TEST_F(PackTest, RunningOutOfMemoryAnywhereLosesNoData) {
     }
     EXPECT_EQ(kestrel::testing::LiveAllocations(), live);
   }
-  std::printf("allocations %ld: failed %d (after the switch %d), packed anyway %d\n", made,
-              failed, switched, packed);
-  EXPECT_GE(failed, 5);  // the pack allocates: names, fields, the work table
+  std::printf("allocations %ld: failed %d (after the switch %d), packed anyway %d\n", made, failed,
+              switched, packed);
+  EXPECT_GE(failed, 5);    // the pack allocates: names, fields, the work table
   EXPECT_GE(switched, 1);  // the reopen allocates too
 }
 
