@@ -60,10 +60,6 @@ class Value {
     text_pending = false;
   }
 
-  // Exchanges contents with other (cheap: inline bytes are copied only up to
-  // what is in use).
-  void TakeFrom(Value& other);
-
   char* data() { return data_; }
   const char* data() const { return data_; }
   size_t capacity() const { return capacity_; }
@@ -84,32 +80,5 @@ class Value {
   size_t capacity_ = kInlineSize;
   char inline_[kInlineSize];
 };
-
-inline void Value::TakeFrom(Value& other) {
-  type = other.type;
-  length = other.length;
-  has_stored_date = other.has_stored_date;
-  text_pending = other.text_pending;
-  std::memcpy(stored_date, other.stored_date, sizeof stored_date);
-  if (other.data_ != other.inline_) {
-    if (data_ != inline_) MemFree(data_);
-    data_ = other.data_;
-    capacity_ = other.capacity_;
-    other.data_ = other.inline_;
-    other.capacity_ = kInlineSize;
-  } else {
-    // Both inline: copy what is in use (texts carry their terminator).
-    size_t used = static_cast<size_t>(other.length) + 1;
-    if (used < 8) used = 8;
-    if (used > kInlineSize) used = kInlineSize;
-    if (data_ != inline_) {
-      // Our heap buffer is at least as large as the inline area.
-      std::memcpy(data_, other.inline_, used);
-    } else {
-      std::memcpy(inline_, other.inline_, used);
-    }
-  }
-  other.Clear();
-}
 
 }  // namespace kestrel::expr
