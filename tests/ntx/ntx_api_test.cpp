@@ -549,3 +549,32 @@ TEST_F(NtxApiTest, LockHeldByAnotherProcess) {
 
 }  // namespace
 }  // namespace kestrel::test
+
+namespace kestrel::test {
+namespace {
+
+// A whole life of an index, and every allocation that fails along the way,
+// gives back all the memory it took.
+TEST_F(NtxApiTest, NothingLeaksWhenAllocationsFail) {
+  std::string path = dir_.File("leak.ntx");
+  char expr[] = "NAME";
+  ASSERT_EQ(DBclCreateIndex(path.c_str(), 'C', expr, 10, 0), 0);
+  long live = testing::LiveAllocations();
+  for (int n = 0; n <= 60; n += (n < 20 ? 1 : 7)) {
+    if (n > 0) testing::FailAllocation(n);
+    int32_t h = -1;
+    if (DBclOpenIndex(&h, path.c_str(), 0) == 0) {
+      int32_t count = 40;
+      DBclGetSetCacheSize(h, &count, 0);
+      for (int i = 0; i < 300; ++i) DBclAddKey(h, std::to_string(i * 31 % 300).c_str(), i + 1);
+      for (int i = 0; i < 300; i += 2) DBclDeleteKey(h, std::to_string(i * 31 % 300).c_str(), i + 1);
+      DBclCloseIndex(h);
+    }
+    testing::FailAllocation(0);
+    EXPECT_EQ(testing::LiveAllocations(), live) << n;
+  }
+  EXPECT_EQ(FileFindings(path), "");
+}
+
+}  // namespace
+}  // namespace kestrel::test
