@@ -7,7 +7,8 @@
 //
 //   ORDERS.DBF  --copy active records-->  0.DBF      (work table, same directory)
 //   ORDERS.DBF  --rename-->               ORDERS.BAK (an older backup is deleted first)
-//   0.DBF       --rename-->               ORDERS.DBF (reopened in the mode it had)
+//   0.DBF       --rename-->               ORDERS.DBF (reopened in the mode, with the
+//                                                     cache size and record buffer it had)
 //
 // Names: the directory is everything up to the last ':', '\' or '/'; the
 // extension starts at the last '.' of the base name.  The backup is the path
@@ -213,10 +214,23 @@ int32_t BuildWorkTable(TableControl* t, const char* work) {
   return 0;
 }
 
-// Reopens `name` into *handle and gives it the cache capacity it had.
-int32_t Reopen(int32_t* handle, const char* name, int32_t mode, int32_t capacity) {
-  int32_t rc = DBOpenFile(handle, name, mode);
+// What the reopened table gets back: its open mode, its cache capacity and
+// the caller's record buffer (nullptr when the library owned it).
+struct Setup {
+  int32_t mode;
+  int32_t capacity;
+  void* caller_buffer;
+};
+
+// Reopens `name` into *handle as it was set up before.
+int32_t Reopen(int32_t* handle, const char* name, const Setup& setup) {
+  int32_t rc = DBOpenFile(handle, name, setup.mode);
   if (rc < 0) return KS_PASS(kDpack, rc);
+  if (setup.caller_buffer) {
+    rc = DBSetBufferAddress(*handle, setup.caller_buffer);
+    if (rc < 0) return KS_PASS(kDpack, rc);
+  }
+  int32_t capacity = setup.capacity;
   if (capacity > 0) {
     SetErrorCode(0);
     rc = DBGetSetCacheSize(*handle, &capacity, DB_CACHE_SET);
@@ -251,8 +265,8 @@ int32_t Pack(int32_t* handle, TableControl* t) {
   } else {
     rc = ChooseWorkName(table.c_str(), parts, &work);
   }
-  int32_t mode = ModeOf(t);
   int32_t capacity = t->Buffered() ? t->cache_capacity : 0;
+  Setup setup{ModeOf(t), capacity, t->owns_record ? nullptr : t->record};
   if (rc >= 0) rc = BuildWorkTable(t, work.c_str());
   if (t->Shared()) {
     int32_t urc = CleanUp([&] { return UnlockAllRegions(t); });
@@ -283,7 +297,7 @@ int32_t Pack(int32_t* handle, TableControl* t) {
     // The original never moved: give it back to the caller as it was.
     int32_t failed = KS_PASS(kDpack, rc);
     CleanUp([&] { return FileDelete(work.c_str()); });
-    CleanUp([&] { return Reopen(handle, table.c_str(), mode, capacity); });
+    CleanUp([&] { return Reopen(handle, table.c_str(), setup); });
     return SetErrorCode(failed);
   }
   SetErrorCode(0);
@@ -293,12 +307,12 @@ int32_t Pack(int32_t* handle, TableControl* t) {
     SetErrorCode(0);
     if (FileRename(table.c_str(), backup.c_str()) == 0) {
       CleanUp([&] { return FileDelete(work.c_str()); });
-      CleanUp([&] { return Reopen(handle, table.c_str(), mode, capacity); });
+      CleanUp([&] { return Reopen(handle, table.c_str(), setup); });
     }
     return SetErrorCode(failed);
   }
   SetErrorCode(0);
-  rc = Reopen(handle, table.c_str(), mode, capacity);
+  rc = Reopen(handle, table.c_str(), setup);
   if (rc < 0) return KS_PASS(kDpack, SetErrorCode(rc));
   return SetErrorCode(rc);
 }

@@ -243,10 +243,18 @@ TEST_F(PackTest, TheTableComesBackInTheModeAndCacheSizeItHad) {
   EXPECT_EQ(Count(h), 9);
   EXPECT_EQ(DBCloseFile(h), 0);
 
-  // Exclusive and unbuffered: still unbuffered, still exclusive.
+  // Exclusive and unbuffered: still unbuffered, still exclusive; the
+  // caller's record buffer stays the record buffer.
   h = Open(path, 1 | DB_OPEN_UNBUFFERED);
+  std::vector<char> mine(29, ' ');
+  ASSERT_EQ(DBSetBufferAddress(h, mine.data()), 0);
   ASSERT_EQ(DBMarkRecordInActive(h, 9), 0);
   ASSERT_EQ(DBPackFile(&h), 0);
+  DBRECORDINFO record{};
+  ASSERT_EQ(DBGetRecordInfo(h, &record), 0);
+  EXPECT_EQ(record.record_buffer, mine.data());
+  ASSERT_EQ(DBGetRecord(h, 3), 0);
+  EXPECT_EQ(std::string(mine.data() + 1, 2), "r4");
   ASSERT_EQ(DBGetFileInfo(h, &info), 0);
   EXPECT_EQ(info.attributes & 7u, 2u);
   EXPECT_EQ(Count(h), 8);
