@@ -1,6 +1,7 @@
 // Damaged index files: every kind of broken page gives an error status from
 // the engine and a finding from the checker, never a crash or a hang.
 #include <cstring>
+#include <filesystem>
 
 #include "index/clipper/ntx_format.h"
 #include "ntx_test_util.h"
@@ -140,6 +141,50 @@ TEST_F(NtxDamageTest, TruncatedFile) {
   int32_t rc = Exercise(bad);
   EXPECT_TRUE(rc == DB_ERR_SEEK || rc == DB_ERR_READ || rc == DB_ERR_ROOT_PAGE) << rc;
   EXPECT_NE(FileFindings(path_), "");
+}
+
+}  // namespace
+}  // namespace kestrel::test
+
+namespace kestrel::test {
+namespace {
+
+bool IsStatus(int32_t rc) { return rc == 0 || (rc >= 201 && rc <= 212) || (rc <= -201 && rc >= -280); }
+
+// Inputs kept from fuzzing the page reader: each is opened, walked, searched
+// and changed; whatever the file holds, the calls return statuses.
+TEST_F(NtxTest, FuzzFoundInputsGiveStatuses) {
+  std::filesystem::path dir = std::filesystem::path(KESTREL_TEST_FIXTURES) / "ntx" / "fuzz";
+  int files = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(dir)) {
+    std::string path = CopyFixture("ntx/fuzz/" + entry.path().filename().string(), dir_, "f.ntx");
+    FileFindings(path);
+    int32_t h = -1;
+    if (DBclOpenIndex(&h, path.c_str(), 0) >= 0) {
+      char key[300] = {};
+      int32_t rec = 0;
+      int steps = 0;
+      for (int32_t rc = DBclGoFirstKey(h, key, &rec); rc == 0 && steps < 5000; ++steps) {
+        rc = DBclGoNextKey(h, key, &rec);
+        EXPECT_TRUE(IsStatus(rc)) << rc;
+      }
+      for (int mode : {1, 2, 11, 12, 13, 14, 15}) {
+        std::memset(key, 0, sizeof key);
+        key[0] = 'M';
+        int32_t rc = DBclKeySearch(h, key, &rec, mode);
+        EXPECT_TRUE(IsStatus(rc)) << rc;
+      }
+      char k[300] = {};
+      for (int i = 0; i < 30; ++i) {
+        std::snprintf(k, 8, "K%03d", i * 7 % 50);
+        EXPECT_TRUE(IsStatus(DBclAddKey(h, k, i + 1)));
+        if (i % 2) EXPECT_TRUE(IsStatus(DBclDeleteKey(h, k, i + 1)));
+      }
+      EXPECT_TRUE(IsStatus(DBclCloseIndex(h)));
+    }
+    ++files;
+  }
+  EXPECT_GE(files, 20);
 }
 
 }  // namespace
