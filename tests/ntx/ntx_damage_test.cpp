@@ -178,7 +178,9 @@ TEST_F(NtxTest, FuzzFoundInputsGiveStatuses) {
       for (int i = 0; i < 30; ++i) {
         std::snprintf(k, 8, "K%03d", i * 7 % 50);
         EXPECT_TRUE(IsStatus(DBclAddKey(h, k, i + 1)));
-        if (i % 2) EXPECT_TRUE(IsStatus(DBclDeleteKey(h, k, i + 1)));
+        if (i % 2) {
+          EXPECT_TRUE(IsStatus(DBclDeleteKey(h, k, i + 1)));
+        }
       }
       EXPECT_TRUE(IsStatus(DBclCloseIndex(h)));
     }
