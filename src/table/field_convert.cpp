@@ -100,6 +100,18 @@ double ParseNumber(const uint8_t* text, uint32_t n) {
   return std::strtod(copy, nullptr);
 }
 
+// The style date fields are stored in (yyyymmdd).
+constexpr int32_t kStoredDateStyle = 15;
+
+// Year 0..9999, month 1..12 and a day that month has (Gregorian leap years):
+// the dates the date formatter accepts.
+bool PlainDateValid(int32_t year, int32_t month, int32_t day) {
+  static constexpr int8_t kDays[12] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+  if (year < 0 || year > 9999 || month < 1 || month > 12 || day < 1) return false;
+  bool leap = (year % 4 == 0 && year % 100 != 0) || year % 400 == 0;
+  return day <= kDays[month - 1] + (month == 2 && leap ? 1 : 0);
+}
+
 int32_t GetDate(const FieldInfo& f, const uint8_t* stored, char* out) {
   int32_t style = State().default_date_style;
   int32_t year = 0, month = 0, day = 0;
@@ -111,6 +123,12 @@ int32_t GetDate(const FieldInfo& f, const uint8_t* stored, char* out) {
            (stored[3] - '0');
     month = (stored[4] - '0') * 10 + (stored[5] - '0');
     day = (stored[6] - '0') * 10 + (stored[7] - '0');
+    if (style == kStoredDateStyle && PlainDateValid(year, month, day)) {
+      // The stored form is the style asked for: nothing to convert.
+      std::memcpy(out, stored, 8);
+      out[8] = '\0';
+      return 0;
+    }
   } else {
     char text[9] = {};
     std::memcpy(text, stored, f.length < 8 ? f.length : 8);

@@ -148,6 +148,29 @@ TEST_F(FieldsTest, DatesFollowTheDefaultStyle) {
   EXPECT_STREQ(text, "keep");
 }
 
+// In the stored style a date comes back as stored, exactly as the date
+// formatter would print it, and an impossible stored date still fails.
+TEST_F(FieldsTest, StoredStyleDatesMatchTheFormatter) {
+  DBSetDefaultDateStyle(DB_DATE_DBASE);
+  for (int32_t year : {0, 1, 1900, 2000, 2023, 2024, 9999}) {
+    for (int32_t month = 0; month <= 13; ++month) {
+      for (int32_t day = 0; day <= 32; ++day) {
+        char stored[16];
+        std::snprintf(stored, sizeof stored, "%04d%02d%02d", year, month, day);
+        ASSERT_EQ(DBPutStrField(h_, 4, stored), 0);
+        char expected[16] = {}, got[16] = {};
+        int32_t want = DBDate3ToStr(expected, DB_DATE_DBASE, year, month, day);
+        int32_t rc = DBGetFieldData(h_, 4, got);
+        ASSERT_EQ(rc < 0, want < 0) << stored;
+        if (rc >= 0) {
+          ASSERT_EQ(rc, 0);
+          ASSERT_STREQ(got, expected);
+        }
+      }
+    }
+  }
+}
+
 TEST_F(FieldsTest, LogicalMemoAndBinaryFields) {
   uint8_t b = 9;
   EXPECT_EQ(DBGetFieldData(h_, 5, &b), DB_WARN_FIELD_EMPTY);
