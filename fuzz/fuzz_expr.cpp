@@ -63,10 +63,10 @@ void SetUpOnce() {
   if (!mkdtemp(dir)) std::abort();
   std::string path = std::string(dir) + "/t.dbf";
   DBInitialize(40, 2);
-  std::vector<DBFIELD> fields = {Field("NAME", 'C', 12), Field("AMOUNT", 'N', 10, 2),
-                                 Field("HIRED", 'D', 8), Field("OK", 'L', 1),
+  std::vector<DBFIELD> fields = {Field("NAME", 'C', 12),  Field("AMOUNT", 'N', 10, 2),
+                                 Field("HIRED", 'D', 8),  Field("OK", 'L', 1),
                                  Field("NOTES", 'M', 10), Field("Q1", 3, 4),
-                                 Field("S1", 5, 2),      Field("F1", 2, 4)};
+                                 Field("S1", 5, 2),       Field("F1", 2, 4)};
   if (DBCreateFile(path.c_str(), static_cast<int32_t>(fields.size()), fields.data(), 1) != 0) {
     std::abort();
   }
@@ -93,15 +93,20 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static bool ready = (SetUpOnce(), true);
   (void)ready;
   if (size > 4096) return 0;
-  // A leading byte 0x01 selects the blank record; the rest is the text.
+  // A leading byte 0x01 selects the blank record; 0x02 and a count make
+  // that allocation of the evaluation fail.  The rest is the text.
   bool blank = size > 0 && data[0] == 0x01;
+  long fail_at = size > 1 && data[0] == 0x02 ? 1 + data[1] % 8 : 0;
+  size_t skip = blank ? 1 : fail_at ? 2 : 0;
   int32_t recno = blank ? 2 : 1;
-  std::vector<char> text(data + (blank ? 1 : 0), data + size);
+  std::vector<char> text(data + skip, data + size);
   text.push_back('\0');
   DBGetRecord(g_table, recno);
   long live = kestrel::testing::LiveAllocations();
   DBEXPRVALUE value{};
+  kestrel::testing::FailAllocation(fail_at);
   int32_t rc = DBEvaluateStr(g_table, text.data(), &value);
+  kestrel::testing::FailAllocation(0);
   if (rc < 0) {
     if (value.value != nullptr) std::abort();
   } else {
