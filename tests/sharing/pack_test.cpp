@@ -322,6 +322,77 @@ TEST_F(PackTest, AnotherProcessHoldingARecordStopsASharedPack) {
   EXPECT_EQ(DBCloseFile(h), 0);
 }
 
+TEST_F(PackTest, RandomWorkAgainstAModel) {
+  // Appends, replaces, deletes, undeletes, flushes, packs and zaps in random
+  // order, in three open modes, checked against a list of (text, deleted)
+  // after every step and in full after every pack and zap.
+  struct Mode {
+    int32_t bits;
+    bool shared_locks;  // the table must lock before a write
+  };
+  for (Mode mode : {Mode{0, false}, Mode{DB_OPEN_AUTOLOCK, false}, Mode{DB_OPEN_SHARED, true},
+                    Mode{DB_OPEN_UNBUFFERED, false}}) {
+    SCOPED_TRACE(mode.bits);
+    std::mt19937 random(static_cast<unsigned>(mode.bits) + 11);
+    std::string path = Make("MODEL.DBF", 0, {});
+    int32_t h = Open(path, 1 | mode.bits);
+    std::vector<std::pair<std::string, bool>> model;
+    auto check_all = [&]() {
+      std::vector<std::string> want;
+      for (const auto& [text, deleted] : model) want.push_back(deleted ? "*" + text : text);
+      EXPECT_EQ(Contents(h), want);
+    };
+    for (int step = 0; step < 300; ++step) {
+      if (mode.shared_locks) {
+        ASSERT_EQ(DBLockFile(h), 0);
+      }
+      int n = static_cast<int>(model.size());
+      int op = static_cast<int>(random() % 100);
+      int r = n > 0 ? static_cast<int>(random() % n) + 1 : 0;
+      std::string text = "t" + std::to_string(random() % 100000);
+      if (op < 45 || n == 0) {
+        EXPECT_EQ(Append(h, text), n + 1);
+        model.emplace_back(text, false);
+      } else if (op < 60) {
+        ASSERT_GE(DBGetRecord(h, r), 0);
+        ASSERT_EQ(DBPutStrField(h, 0, text.c_str()), 0);
+        ASSERT_EQ(DBPutRecord(h, &r, DB_RECORD_REPLACE), 0);
+        model[r - 1].first = text;
+        model[r - 1].second = DBIsRecordDeleted(h) == DB_WARN_RECORD_DELETED;
+      } else if (op < 80) {
+        ASSERT_EQ(DBMarkRecordInActive(h, r), 0);
+        model[r - 1].second = true;
+      } else if (op < 88) {
+        ASSERT_EQ(DBMarkRecordActive(h, r), 0);
+        model[r - 1].second = false;
+      } else if (op < 93) {
+        ASSERT_EQ(DBFlushFile(h), 0);
+      } else if (op < 99) {
+        if (mode.shared_locks) {
+          ASSERT_EQ(DBUnLockAll(h), 0);
+        }
+        ASSERT_EQ(DBPackFile(&h), 0);
+        std::erase_if(model, [](const auto& row) { return row.second; });
+        check_all();
+      } else {
+        ASSERT_EQ(DBZapFile(h), 0);
+        model.clear();
+        check_all();
+      }
+      EXPECT_EQ(Count(h), static_cast<int32_t>(model.size()));
+      if (mode.shared_locks) {
+        ASSERT_EQ(DBUnLockAll(h), 0);
+      }
+    }
+    check_all();
+    ASSERT_EQ(DBCloseFile(h), 0);
+    h = Open(path, 1);
+    check_all();
+    ASSERT_EQ(DBCloseFile(h), 0);
+    std::filesystem::remove(path);
+  }
+}
+
 // ---- Failures part-way --------------------------------------------------
 
 TEST_F(PackTest, AWorkTableThatCannotBeCreatedLeavesTheTableAsItWas) {

@@ -2,6 +2,8 @@
 // default run): on the real disk, where automatic locking flushes every
 // write, and in memory with more writers and far more records, with heavy
 // contention for few records in the update runs.
+#include <cstdio>
+
 #include "sharing/stress_workload.h"
 
 namespace kestrel::test {
@@ -9,11 +11,34 @@ namespace {
 
 class SharingStressTest : public SharingTest {};
 
+// What an independent reader (python3-dbfread) makes of a table: the number
+// of active records and the sum of the SEQ field, or "" when it is missing.
+std::string ReadWithDbfread(const std::string& path) {
+  if (::access("/usr/bin/python3", X_OK) != 0) return "";
+  std::string command =
+      "/usr/bin/python3 -c \"import sys, dbfread; t = list(dbfread.DBF(sys.argv[1])); "
+      "print(len(t), sum(int(r['SEQ']) for r in t))\" " +
+      path + " 2>/dev/null";
+  std::string out;
+  FILE* pipe = ::popen(command.c_str(), "r");
+  if (!pipe) return "";
+  char chunk[128];
+  size_t n;
+  while ((n = std::fread(chunk, 1, sizeof chunk, pipe)) > 0) out.append(chunk, n);
+  ::pclose(pipe);
+  return out;
+}
+
 TEST_F(SharingStressTest, AppendsOnDisk) {
   // dir_ is on the disk of the temporary directory (TMPDIR or /tmp).
-  stress::AppendResult r = stress::RunAppends(dir_.File("DISK.DBF"), 1, 4, 5000);
+  std::string path = dir_.File("DISK.DBF");
+  stress::AppendResult r = stress::RunAppends(path, 1, 4, 5000);
   std::printf("disk appends: %d records by 4 writers in %.1f s (%.0f/s); reader checked %ld\n",
               r.final_count, r.seconds, r.final_count / r.seconds, r.reads);
+  // Another program reads the same records: 4 x (1 + ... + 5000).
+  std::string other = ReadWithDbfread(path);
+  if (other.empty()) GTEST_SKIP() << "python3-dbfread not available";
+  EXPECT_EQ(other, "20000 50010000\n");
 }
 
 TEST_F(SharingStressTest, UpdatesOnDisk) {
