@@ -242,9 +242,10 @@ int32_t WritePlain(DbtMemo& m, uint32_t replace_block, const uint8_t* text, size
       return 0;
     }
   }
-  // Append at the next free block, never inside data the file already holds.
-  uint32_t start = std::max(m.next_free, m.block_count);
-  if (start < 1) start = 1;
+  // Append at the next free block.  A header that points inside the data
+  // (stale) or past its end (damaged) is not followed: the memo goes right
+  // after the data, which is where a consistent header points anyway.
+  uint32_t start = m.block_count < 1 ? 1 : m.block_count;
   uint64_t blocks = (length + 2 + bs - 1) / bs;
   if (start + blocks > 0xFFFFFFFFu) return KS_FAIL(kPut, DB_ERR_WRITE);
   Vec<uint8_t> image(blocks * bs, 0);
