@@ -1,0 +1,71 @@
+// kestrel memo: one memo printed raw, found through the table's companion
+// memo file.
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <map>
+#include <sstream>
+
+#include "support/interop.h"
+#include "support/temp_dir.h"
+
+namespace kestrel::test {
+namespace {
+
+std::map<int, std::string> ExpectedMemos(const std::string& name) {
+  std::map<int, std::string> out;
+  std::ifstream in(std::string(KESTREL_TEST_FIXTURES) + "/memo/" + name);
+  std::string line;
+  while (std::getline(in, line)) {
+    std::istringstream fields(line);
+    int recno = 0;
+    unsigned block = 0;
+    std::string hex, text;
+    fields >> recno >> block >> hex;
+    for (size_t i = 0; i + 1 < hex.size(); i += 2) {
+      text.push_back(static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16)));
+    }
+    out[recno] = text;
+  }
+  return out;
+}
+
+TEST(MemoTool, PrintsOneMemoRaw) {
+  const std::string tool = KESTREL_TOOL_PATH;
+  if (tool.empty()) GTEST_SKIP() << "the kestrel tool is not built";
+  TempDir dir;
+  for (const char* f : {"staff.dbf", "staff.dbt", "fstaff.dbf", "fstaff.fpt"}) {
+    CopyFixture(std::string("memo/") + f, dir);
+  }
+  auto staff = ExpectedMemos("staff.dbt.expected.tsv");
+  for (int recno : {2, 3, 39, 78, 298}) {
+    ASSERT_TRUE(staff.count(recno)) << recno;
+    ProcessResult r =
+        RunProcess({tool, "memo", dir.File("staff.dbf"), "NOTES", std::to_string(recno)});
+    EXPECT_EQ(r.exit_code, 0) << r.err;
+    EXPECT_EQ(r.out, staff[recno]) << "record " << recno;
+  }
+  // Record 39 holds a soft line break; the switch removes it.
+  ASSERT_NE(staff[39].find("\x8D\n"), std::string::npos);
+  ProcessResult soft =
+      RunProcess({tool, "memo", dir.File("staff.dbf"), "notes", "39", "--no-soft-breaks"});
+  EXPECT_EQ(soft.exit_code, 0);
+  EXPECT_EQ(soft.out.find('\x8D'), std::string::npos);
+  EXPECT_EQ(soft.out.size(), staff[39].size() - 2);
+
+  auto fstaff = ExpectedMemos("fstaff.fpt.expected.tsv");
+  ProcessResult fox = RunProcess({tool, "memo", dir.File("fstaff.dbf"), "6", "13"});
+  EXPECT_EQ(fox.exit_code, 0) << fox.err;
+  EXPECT_EQ(fox.out, fstaff[13]);  // every byte value
+
+  // A record without a memo prints nothing; a field that is no memo fails.
+  ProcessResult none = RunProcess({tool, "memo", dir.File("staff.dbf"), "NOTES", "1"});
+  EXPECT_EQ(none.exit_code, 0);
+  EXPECT_EQ(none.out, "");
+  ProcessResult bad = RunProcess({tool, "memo", dir.File("staff.dbf"), "NAME", "1"});
+  EXPECT_EQ(bad.exit_code, 1);
+  EXPECT_NE(bad.err.find("-231"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace kestrel::test
