@@ -79,7 +79,8 @@ void BM_BuildCharacter(benchmark::State& state) {
     char expr[] = "NAME";
     if (DBclBuildIndex(f.table(), path.c_str(), 'C', expr, 10, 0) < 0) state.SkipWithError("build");
   }
-  state.counters["keys/s"] = benchmark::Counter(kRecords, benchmark::Counter::kIsIterationInvariantRate);
+  state.counters["keys/s"] =
+      benchmark::Counter(kRecords, benchmark::Counter::kIsIterationInvariantRate);
 }
 BENCHMARK(BM_BuildCharacter)->Unit(benchmark::kMillisecond)->Iterations(3);
 
@@ -90,7 +91,8 @@ void BM_BuildNumeric(benchmark::State& state) {
     char expr[] = "AMOUNT";
     if (DBclBuildIndex(f.table(), path.c_str(), 'N', expr, 12, 2) < 0) state.SkipWithError("build");
   }
-  state.counters["keys/s"] = benchmark::Counter(kRecords, benchmark::Counter::kIsIterationInvariantRate);
+  state.counters["keys/s"] =
+      benchmark::Counter(kRecords, benchmark::Counter::kIsIterationInvariantRate);
 }
 BENCHMARK(BM_BuildNumeric)->Unit(benchmark::kMillisecond)->Iterations(3);
 
@@ -127,10 +129,11 @@ void BM_Seek(benchmark::State& state) {
       found += DBclKeySearch(h, key, &rec, 1) == 0;
     }
   }
-  state.counters["seeks/s"] =
-      benchmark::Counter(static_cast<double>(keys.size()), benchmark::Counter::kIsIterationInvariantRate);
-  state.counters["hit%"] = 100.0 * static_cast<double>(found) /
-                           (static_cast<double>(keys.size()) * static_cast<double>(state.iterations()));
+  state.counters["seeks/s"] = benchmark::Counter(static_cast<double>(keys.size()),
+                                                 benchmark::Counter::kIsIterationInvariantRate);
+  state.counters["hit%"] =
+      100.0 * static_cast<double>(found) /
+      (static_cast<double>(keys.size()) * static_cast<double>(state.iterations()));
   DBclCloseIndex(h);
 }
 BENCHMARK(BM_Seek)->Arg(10)->Arg(64)->Unit(benchmark::kMillisecond);
@@ -147,8 +150,8 @@ void BM_Walk(benchmark::State& state) {
     }
   }
   if (keys != kRecords) state.SkipWithError("walk missed keys");
-  state.counters["keys/s"] = benchmark::Counter(static_cast<double>(keys),
-                                                benchmark::Counter::kIsIterationInvariantRate);
+  state.counters["keys/s"] =
+      benchmark::Counter(static_cast<double>(keys), benchmark::Counter::kIsIterationInvariantRate);
   DBclCloseIndex(h);
 }
 BENCHMARK(BM_Walk)->Unit(benchmark::kMillisecond);

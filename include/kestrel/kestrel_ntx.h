@@ -13,8 +13,8 @@
 KESTREL_EXTERN_C_BEGIN
 
 /* Key type flags of DBclCreateIndex / DBclBuildIndex, added to the type. */
-#define DB_CL_UNIQUE 128      /* one key per value */
-#define DB_CL_DESCENDING 256  /* keys in reverse order */
+#define DB_CL_UNIQUE 128     /* one key per value */
+#define DB_CL_DESCENDING 256 /* keys in reverse order */
 /* DBclBuildIndex only: build numeric keys in the digits-point-decimals form
  * (see DBclSetNumericKeyForm). */
 #define DB_CL_BUILD_WITH_DECIMALS 0x10000
@@ -50,68 +50,68 @@ typedef struct DBCLINDEXINFO {
 /* ---- Files ----------------------------------------------------------- */
 /* keyType: 'C', 'D', 'N' or a binary type 1..6, plus DB_CL_UNIQUE and
  * DB_CL_DESCENDING.  The expression is changed in place: blanks removed. */
-KESTREL_API int32_t DBclCreateIndex(const char *filename, int32_t keyType, char *keyExpression,
+KESTREL_API int32_t DBclCreateIndex(const char* filename, int32_t keyType, char* keyExpression,
                                     int32_t keyLength, int32_t decimals);
-KESTREL_API int32_t DBclOpenIndex(int32_t *handle, const char *filename, int32_t openMode);
+KESTREL_API int32_t DBclOpenIndex(int32_t* handle, const char* filename, int32_t openMode);
 KESTREL_API int32_t DBclCloseIndex(int32_t handle);
 KESTREL_API int32_t DBclLockIndex(int32_t handle);
 KESTREL_API int32_t DBclUnLockIndex(int32_t handle);
 KESTREL_API int32_t DBclFlushIndex(int32_t handle);
 KESTREL_API int32_t DBclGetIndexHeader(int32_t handle);
 /* operation 1: *count receives the page buffers; 0: sets them to *count. */
-KESTREL_API int32_t DBclGetSetCacheSize(int32_t handle, int32_t *count, int32_t operation);
+KESTREL_API int32_t DBclGetSetCacheSize(int32_t handle, int32_t* count, int32_t operation);
 KESTREL_API int32_t DBclZapIndex(int32_t handle);
 /* Creates the index file and fills it with the key of every record of the
  * table (deleted ones too).  keyType as for DBclCreateIndex, plus
  * DB_CL_BUILD_WITH_DECIMALS. */
-KESTREL_API int32_t DBclBuildIndex(int32_t table, const char *filename, int32_t keyType,
-                                   char *keyExpression, int32_t keyLength, int32_t decimals);
+KESTREL_API int32_t DBclBuildIndex(int32_t table, const char* filename, int32_t keyType,
+                                   char* keyExpression, int32_t keyLength, int32_t decimals);
 
 /* ---- Search and navigation ------------------------------------------- */
-KESTREL_API int32_t DBclKeySearch(int32_t handle, char *key, int32_t *record, int32_t mode);
-KESTREL_API int32_t DBclGoFirstKey(int32_t handle, char *key, int32_t *record);
-KESTREL_API int32_t DBclGoLastKey(int32_t handle, char *key, int32_t *record);
-KESTREL_API int32_t DBclGoNextKey(int32_t handle, char *key, int32_t *record);
-KESTREL_API int32_t DBclGoPreviousKey(int32_t handle, char *key, int32_t *record);
-KESTREL_API int32_t DBclGetCurrentKey(int32_t handle, char *key, int32_t *record);
-KESTREL_API int32_t DBclGetKeyPercent(int32_t handle, int32_t *percent, const char *key,
+KESTREL_API int32_t DBclKeySearch(int32_t handle, char* key, int32_t* record, int32_t mode);
+KESTREL_API int32_t DBclGoFirstKey(int32_t handle, char* key, int32_t* record);
+KESTREL_API int32_t DBclGoLastKey(int32_t handle, char* key, int32_t* record);
+KESTREL_API int32_t DBclGoNextKey(int32_t handle, char* key, int32_t* record);
+KESTREL_API int32_t DBclGoPreviousKey(int32_t handle, char* key, int32_t* record);
+KESTREL_API int32_t DBclGetCurrentKey(int32_t handle, char* key, int32_t* record);
+KESTREL_API int32_t DBclGetKeyPercent(int32_t handle, int32_t* percent, const char* key,
                                       int32_t record);
-KESTREL_API int32_t DBclGetKeyAtPercent(int32_t handle, int32_t percent, char *key,
-                                        int32_t *record);
+KESTREL_API int32_t DBclGetKeyAtPercent(int32_t handle, int32_t percent, char* key,
+                                        int32_t* record);
 
 /* ---- Insertion and deletion ------------------------------------------ */
-KESTREL_API int32_t DBclAddKey(int32_t handle, const char *key, int32_t record);
-KESTREL_API int32_t DBclInsertKey(int32_t handle, const char *key, int32_t record);
-KESTREL_API int32_t DBclDeleteKey(int32_t handle, const char *key, int32_t record);
+KESTREL_API int32_t DBclAddKey(int32_t handle, const char* key, int32_t record);
+KESTREL_API int32_t DBclInsertKey(int32_t handle, const char* key, int32_t record);
+KESTREL_API int32_t DBclDeleteKey(int32_t handle, const char* key, int32_t record);
 
 /* ---- Keys ------------------------------------------------------------- */
-KESTREL_API int32_t DBclNumericToKey(int32_t handle, char *key, double value);
-KESTREL_API int32_t DBclKeyToNumeric(double *value, const char *key);
-KESTREL_API int32_t DBclDateToKey(char *key, const char *date, int32_t style);
-KESTREL_API int32_t DBclKeyToDate(char *date, int32_t style, const char *key);
-KESTREL_API int32_t DBclDoubleToKey(char *key, double value);
-KESTREL_API int32_t DBclFloatToKey(char *key, float value);
-KESTREL_API int32_t DBclLongToKey(char *key, int32_t value);
-KESTREL_API int32_t DBclUnsignedLongToKey(char *key, uint32_t value);
-KESTREL_API int32_t DBclShortToKey(char *key, int16_t value);
-KESTREL_API int32_t DBclUnsignedShortToKey(char *key, uint16_t value);
-KESTREL_API int32_t DBclKeyToDouble(double *value, const char *key);
-KESTREL_API int32_t DBclKeyToFloat(float *value, const char *key);
-KESTREL_API int32_t DBclKeyToLong(int32_t *value, const char *key);
-KESTREL_API int32_t DBclKeyToUnsignedLong(uint32_t *value, const char *key);
-KESTREL_API int32_t DBclKeyToShort(int16_t *value, const char *key);
-KESTREL_API int32_t DBclKeyToUnsignedShort(uint16_t *value, const char *key);
+KESTREL_API int32_t DBclNumericToKey(int32_t handle, char* key, double value);
+KESTREL_API int32_t DBclKeyToNumeric(double* value, const char* key);
+KESTREL_API int32_t DBclDateToKey(char* key, const char* date, int32_t style);
+KESTREL_API int32_t DBclKeyToDate(char* date, int32_t style, const char* key);
+KESTREL_API int32_t DBclDoubleToKey(char* key, double value);
+KESTREL_API int32_t DBclFloatToKey(char* key, float value);
+KESTREL_API int32_t DBclLongToKey(char* key, int32_t value);
+KESTREL_API int32_t DBclUnsignedLongToKey(char* key, uint32_t value);
+KESTREL_API int32_t DBclShortToKey(char* key, int16_t value);
+KESTREL_API int32_t DBclUnsignedShortToKey(char* key, uint16_t value);
+KESTREL_API int32_t DBclKeyToDouble(double* value, const char* key);
+KESTREL_API int32_t DBclKeyToFloat(float* value, const char* key);
+KESTREL_API int32_t DBclKeyToLong(int32_t* value, const char* key);
+KESTREL_API int32_t DBclKeyToUnsignedLong(uint32_t* value, const char* key);
+KESTREL_API int32_t DBclKeyToShort(int16_t* value, const char* key);
+KESTREL_API int32_t DBclKeyToUnsignedShort(uint16_t* value, const char* key);
 /* The key of the table's current record; *key is freed with DBFreeMemory. */
-KESTREL_API int32_t DBclMakeKey(int32_t table, int32_t handle, char **key);
+KESTREL_API int32_t DBclMakeKey(int32_t table, int32_t handle, char** key);
 /* Chooses how this open index makes numeric keys: DB_CL_NUMERIC_INTEGER_DIGITS
  * (the default: key length integer digits) or DB_CL_NUMERIC_WITH_DECIMALS
  * (digits, point and decimals, as other programs of the dialect store them).
  * *previous (may be NULL) receives the form that was set. */
-KESTREL_API int32_t DBclSetNumericKeyForm(int32_t handle, int32_t form, int32_t *previous);
+KESTREL_API int32_t DBclSetNumericKeyForm(int32_t handle, int32_t form, int32_t* previous);
 
 /* ---- Information ------------------------------------------------------ */
-KESTREL_API int32_t DBclGetIndexInfo(int32_t handle, DBCLINDEXINFO *info);
-KESTREL_API int32_t DBclGetIndexKeyExpr(int32_t handle, char *text);
+KESTREL_API int32_t DBclGetIndexInfo(int32_t handle, DBCLINDEXINFO* info);
+KESTREL_API int32_t DBclGetIndexKeyExpr(int32_t handle, char* text);
 
 KESTREL_EXTERN_C_END
 

@@ -199,20 +199,30 @@ KESTREL_API int32_t DBclKeyToDate(char* date, int32_t style, const char* key) {
 
 KESTREL_API int32_t DBclDoubleToKey(char* key, double value) { return ToKey(key, value, 1); }
 KESTREL_API int32_t DBclFloatToKey(char* key, float value) { return ToKey(key, value, 2); }
-KESTREL_API int32_t DBclUnsignedLongToKey(char* key, uint32_t value) { return ToKey(key, value, 3); }
+KESTREL_API int32_t DBclUnsignedLongToKey(char* key, uint32_t value) {
+  return ToKey(key, value, 3);
+}
 KESTREL_API int32_t DBclLongToKey(char* key, int32_t value) { return ToKey(key, value, 4); }
-KESTREL_API int32_t DBclUnsignedShortToKey(char* key, uint16_t value) { return ToKey(key, value, 5); }
+KESTREL_API int32_t DBclUnsignedShortToKey(char* key, uint16_t value) {
+  return ToKey(key, value, 5);
+}
 KESTREL_API int32_t DBclShortToKey(char* key, int16_t value) { return ToKey(key, value, 6); }
-KESTREL_API int32_t DBclKeyToDouble(double* value, const char* key) { return FromKey(value, key, 1); }
+KESTREL_API int32_t DBclKeyToDouble(double* value, const char* key) {
+  return FromKey(value, key, 1);
+}
 KESTREL_API int32_t DBclKeyToFloat(float* value, const char* key) { return FromKey(value, key, 2); }
 KESTREL_API int32_t DBclKeyToUnsignedLong(uint32_t* value, const char* key) {
   return FromKey(value, key, 3);
 }
-KESTREL_API int32_t DBclKeyToLong(int32_t* value, const char* key) { return FromKey(value, key, 4); }
+KESTREL_API int32_t DBclKeyToLong(int32_t* value, const char* key) {
+  return FromKey(value, key, 4);
+}
 KESTREL_API int32_t DBclKeyToUnsignedShort(uint16_t* value, const char* key) {
   return FromKey(value, key, 5);
 }
-KESTREL_API int32_t DBclKeyToShort(int16_t* value, const char* key) { return FromKey(value, key, 6); }
+KESTREL_API int32_t DBclKeyToShort(int16_t* value, const char* key) {
+  return FromKey(value, key, 6);
+}
 
 KESTREL_API int32_t DBclMakeKey(int32_t table, int32_t handle, char** key) {
   return Guarded([&]() -> int32_t {

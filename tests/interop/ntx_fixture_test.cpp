@@ -52,8 +52,8 @@ Expected ReadExpected(const std::string& name) {
     while (std::getline(ss, part, '\t')) parts.push_back(part);
     if (parts.size() == 2 && parts[0] == "W") e.walk.push_back(std::stoi(parts[1]));
     if (parts.size() == 6 && parts[0] == "S") {
-      e.seeks.push_back(Seek{FromHex(parts[1]), parts[2], parts[3] == "1", parts[4] == "1",
-                             std::stoi(parts[5])});
+      e.seeks.push_back(
+          Seek{FromHex(parts[1]), parts[2], parts[3] == "1", parts[4] == "1", std::stoi(parts[5])});
     }
   }
   return e;
@@ -61,7 +61,7 @@ Expected ReadExpected(const std::string& name) {
 
 struct IndexCase {
   const char* name;
-  char type;        // key type of the expression
+  char type;  // key type of the expression
   const char* expression;
   int length;
   int decimals;

@@ -215,11 +215,16 @@ TEST_F(NtxApiTest, DescendingModeTable) {
     int32_t rc;
     const char* stops;
   } cases[] = {
-      {"C", 1, 0, "C"},   {"CC", 1, DB_WARN_KEY_NOT_FOUND, "C"},
-      {"CC", 14, 0, "D"}, {"C", 15, 0, "D"},
-      {"C", 11, 0, "B"},  {"Z", 14, DB_WARN_KEY_NOT_FOUND, "E"},
-      {"0", 14, 0, "A"},  {"Z", 11, 0, "E"},
-      {"0", 11, DB_WARN_KEY_NOT_FOUND, "A"}, {"CC", 12, 0, "C"},
+      {"C", 1, 0, "C"},
+      {"CC", 1, DB_WARN_KEY_NOT_FOUND, "C"},
+      {"CC", 14, 0, "D"},
+      {"C", 15, 0, "D"},
+      {"C", 11, 0, "B"},
+      {"Z", 14, DB_WARN_KEY_NOT_FOUND, "E"},
+      {"0", 14, 0, "A"},
+      {"Z", 11, 0, "E"},
+      {"0", 11, DB_WARN_KEY_NOT_FOUND, "A"},
+      {"CC", 12, 0, "C"},
   };
   for (const Case& c : cases) {
     char key[11];
@@ -422,7 +427,8 @@ TEST_F(NtxApiTest, InformationAndCacheSize) {
   EXPECT_EQ(count, 50);
   count = 3;
   ASSERT_EQ(DBclGetSetCacheSize(h, &count, 0), 0);
-  for (int i = 0; i < 300; ++i) ASSERT_EQ(DBclAddKey(h, std::to_string(i * 7919 % 1000).c_str(), i + 1), 0);
+  for (int i = 0; i < 300; ++i)
+    ASSERT_EQ(DBclAddKey(h, std::to_string(i * 7919 % 1000).c_str(), i + 1), 0);
   EXPECT_EQ(Findings(h), "");
   // Memory runs short while growing: a partial result with the count held.
   count = 60;
@@ -567,7 +573,8 @@ TEST_F(NtxApiTest, NothingLeaksWhenAllocationsFail) {
       int32_t count = 40;
       DBclGetSetCacheSize(h, &count, 0);
       for (int i = 0; i < 300; ++i) DBclAddKey(h, std::to_string(i * 31 % 300).c_str(), i + 1);
-      for (int i = 0; i < 300; i += 2) DBclDeleteKey(h, std::to_string(i * 31 % 300).c_str(), i + 1);
+      for (int i = 0; i < 300; i += 2)
+        DBclDeleteKey(h, std::to_string(i * 31 % 300).c_str(), i + 1);
       DBclCloseIndex(h);
     }
     testing::FailAllocation(0);

@@ -176,7 +176,8 @@ TEST_F(NtxBuildTest, NumericKeysInBothForms) {
 TEST_F(NtxBuildTest, BadArgumentsAndExpressions) {
   std::string path = dir_.File("bad.ntx");
   std::string expr = "NAME";
-  EXPECT_EQ(DBclBuildIndex(table_ + 1, path.c_str(), 'C', expr.data(), 12, 0), DB_ERR_INVALID_HANDLE);
+  EXPECT_EQ(DBclBuildIndex(table_ + 1, path.c_str(), 'C', expr.data(), 12, 0),
+            DB_ERR_INVALID_HANDLE);
   EXPECT_EQ(DBclBuildIndex(table_, nullptr, 'C', expr.data(), 12, 0), DB_ERR_NULL);
   EXPECT_EQ(DBclBuildIndex(table_, path.c_str(), 'Q', expr.data(), 12, 0), DB_ERR_KEY_TYPE);
   std::string bad = "NAME+AMOUNT";  // a character and a numeric value: not a key

@@ -149,7 +149,9 @@ TEST_F(NtxDamageTest, TruncatedFile) {
 namespace kestrel::test {
 namespace {
 
-bool IsStatus(int32_t rc) { return rc == 0 || (rc >= 201 && rc <= 212) || (rc <= -201 && rc >= -280); }
+bool IsStatus(int32_t rc) {
+  return rc == 0 || (rc >= 201 && rc <= 212) || (rc <= -201 && rc >= -280);
+}
 
 // Inputs kept from fuzzing the page reader: each is opened, walked, searched
 // and changed; whatever the file holds, the calls return statuses.

@@ -23,10 +23,10 @@ using Model = std::multimap<std::string, uint32_t, ByteLess>;
 
 struct Config {
   const char* name;
-  int type;      // 'C' or a binary type
-  int length;    // key length
-  int flags;     // DB_CL_UNIQUE / DB_CL_DESCENDING
-  int range;     // distinct key values
+  int type;    // 'C' or a binary type
+  int length;  // key length
+  int flags;   // DB_CL_UNIQUE / DB_CL_DESCENDING
+  int range;   // distinct key values
   int operations;
 };
 
@@ -171,7 +171,8 @@ class ModelRun {
     bool below = lb != keys.begin();
     std::string smallest = *keys.begin(), largest = *keys.rbegin();
     switch (mode) {
-      case 1: case 13:
+      case 1:
+      case 13:
         if (found) return {0, k};
         if (below) return {DB_WARN_KEY_NOT_FOUND, *std::prev(lb)};
         return {DB_WARN_KEY_NOT_FOUND, smallest};
@@ -293,8 +294,7 @@ INSTANTIATE_TEST_SUITE_P(
                       Config{"desc10", 'C', 10, DB_CL_DESCENDING, 400, 6000},
                       Config{"descunique50", 'C', 50, DB_CL_DESCENDING | DB_CL_UNIQUE, 2000, 4000},
                       Config{"wide254", 'C', 254, 0, 300, 3000},
-                      Config{"narrow1", 'C', 1, 0, 10, 3000},
-                      Config{"long4", 4, 4, 0, 5000, 6000}),
+                      Config{"narrow1", 'C', 1, 0, 10, 3000}, Config{"long4", 4, 4, 0, 5000, 6000}),
     [](const ::testing::TestParamInfo<Config>& info) { return std::string(info.param.name); });
 
 }  // namespace

@@ -41,12 +41,13 @@ struct CheckOptions {
 };
 
 CommandRegistration reg{"check", [](CLI::App& app) {
-  auto* cmd = app.add_subcommand("check", "Check an .NTX index file against the format's rules");
-  auto options = std::make_shared<CheckOptions>();
-  cmd->add_option("INDEX", options->path, "Index file")->required();
-  cmd->add_flag("-q,--quiet", options->quiet, "Print only the findings");
-  cmd->callback([options] { RunCheck(options->path, options->quiet); });
-}};
+                          auto* cmd = app.add_subcommand(
+                              "check", "Check an .NTX index file against the format's rules");
+                          auto options = std::make_shared<CheckOptions>();
+                          cmd->add_option("INDEX", options->path, "Index file")->required();
+                          cmd->add_flag("-q,--quiet", options->quiet, "Print only the findings");
+                          cmd->callback([options] { RunCheck(options->path, options->quiet); });
+                        }};
 
 }  // namespace
 }  // namespace kestrel::tool

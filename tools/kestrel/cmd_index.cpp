@@ -65,7 +65,8 @@ void RunBuild(const BuildOptions& o) {
     // The key length of a character key: the length of the first record's value.
     std::string expr = o.expression;
     DBEXPRVALUE v{};
-    if (DBGetRecord(table.handle(), 1) >= 0 && DBEvaluateStr(table.handle(), expr.data(), &v) >= 0) {
+    if (DBGetRecord(table.handle(), 1) >= 0 &&
+        DBEvaluateStr(table.handle(), expr.data(), &v) >= 0) {
       length = v.length;
       DBFreeMemory(v.value);
     }
@@ -125,7 +126,8 @@ void RunKeys(const KeysOptions& o) {
     std::cout << rec << '\t' << Printable(key.data(), info.key_length);
     if (table) {
       char* made = nullptr;
-      bool same = rec >= 1 && rec <= table->record_count() && DBGetRecord(table->handle(), rec) >= 0 &&
+      bool same = rec >= 1 && rec <= table->record_count() &&
+                  DBGetRecord(table->handle(), rec) >= 0 &&
                   DBclMakeKey(table->handle(), h, &made) >= 0 &&
                   std::string(made, info.key_length) == std::string(key.data(), info.key_length);
       if (made) DBFreeMemory(made);
@@ -145,32 +147,34 @@ void RunKeys(const KeysOptions& o) {
   }
 }
 
-CommandRegistration reg{"index", [](CLI::App& app) {
-  auto* cmd = app.add_subcommand("index", "Build and list .NTX indexes");
-  cmd->require_subcommand(1);
-  auto* build = cmd->add_subcommand("build", "Build an .NTX index from a table");
-  auto b = std::make_shared<BuildOptions>();
-  build->add_option("TABLE", b->table, "The .DBF file")->required();
-  build->add_option("INDEX", b->index, "The .NTX file to write")->required();
-  build->add_option("EXPRESSION", b->expression, "Key expression")->required();
-  build->add_option("--length", b->length, "Key length (default: from the first record)");
-  build->add_option("--decimals", b->decimals, "Decimal places of a numeric key");
-  build->add_option("--type", b->type, "Key type: C, N, D or a binary type 1..6")
-      ->check(CLI::IsMember({"C", "N", "D", "c", "n", "d", "1", "2", "3", "4", "5", "6"}));
-  build->add_flag("--unique", b->unique, "One key per value");
-  build->add_flag("--descending", b->descending, "Keys in descending order");
-  build->add_flag("--clipper-numeric", b->with_decimals,
-                  "Numeric keys with point and decimals, as other programs of the dialect store them");
-  AddDialectOption(build, &b->dialect);
-  build->callback([b] { RunBuild(*b); });
+CommandRegistration reg{
+    "index", [](CLI::App& app) {
+      auto* cmd = app.add_subcommand("index", "Build and list .NTX indexes");
+      cmd->require_subcommand(1);
+      auto* build = cmd->add_subcommand("build", "Build an .NTX index from a table");
+      auto b = std::make_shared<BuildOptions>();
+      build->add_option("TABLE", b->table, "The .DBF file")->required();
+      build->add_option("INDEX", b->index, "The .NTX file to write")->required();
+      build->add_option("EXPRESSION", b->expression, "Key expression")->required();
+      build->add_option("--length", b->length, "Key length (default: from the first record)");
+      build->add_option("--decimals", b->decimals, "Decimal places of a numeric key");
+      build->add_option("--type", b->type, "Key type: C, N, D or a binary type 1..6")
+          ->check(CLI::IsMember({"C", "N", "D", "c", "n", "d", "1", "2", "3", "4", "5", "6"}));
+      build->add_flag("--unique", b->unique, "One key per value");
+      build->add_flag("--descending", b->descending, "Keys in descending order");
+      build->add_flag(
+          "--clipper-numeric", b->with_decimals,
+          "Numeric keys with point and decimals, as other programs of the dialect store them");
+      AddDialectOption(build, &b->dialect);
+      build->callback([b] { RunBuild(*b); });
 
-  auto* keys = cmd->add_subcommand("keys", "List the keys of an .NTX index in order");
-  auto k = std::make_shared<KeysOptions>();
-  keys->add_option("INDEX", k->index, "The .NTX file")->required();
-  keys->add_option("--table", k->table, "Compare each key with its record's key");
-  AddDialectOption(keys, &k->dialect);
-  keys->callback([k] { RunKeys(*k); });
-}};
+      auto* keys = cmd->add_subcommand("keys", "List the keys of an .NTX index in order");
+      auto k = std::make_shared<KeysOptions>();
+      keys->add_option("INDEX", k->index, "The .NTX file")->required();
+      keys->add_option("--table", k->table, "Compare each key with its record's key");
+      AddDialectOption(keys, &k->dialect);
+      keys->callback([k] { RunKeys(*k); });
+    }};
 
 }  // namespace
 }  // namespace kestrel::tool

@@ -252,8 +252,8 @@ class PageWriter {
   }
   int32_t Flush() {
     if (used_ == 0) return 0;
-    int32_t rc = FileWriteAt(file_, batch_start_, batch_.data(),
-                             static_cast<size_t>(used_) * kPageSize, 0);
+    int32_t rc =
+        FileWriteAt(file_, batch_start_, batch_.data(), static_cast<size_t>(used_) * kPageSize, 0);
     if (rc < 0) return KS_FAIL(kBuild, rc);
     batch_start_ += static_cast<uint64_t>(used_) * kPageSize;
     used_ = 0;
@@ -397,8 +397,8 @@ int32_t BuildIndex(int32_t table, const char* file_name, int32_t key_type, char*
   SelectIndex(handle, &ix, kBuild);
   if (with_decimals) ix->numeric_form = kNumericWithDecimals;
   const KeyDescriptor& k = *ix->key;
-  Layout l{k.key_length, k.key_length + 4, k.item_size, k.max_items, k.half_page,
-           IsDescending(ix), IsUnique(ix)};
+  Layout l{k.key_length, k.key_length + 4, k.item_size, k.max_items,
+           k.half_page,  IsDescending(ix), IsUnique(ix)};
 
   uint64_t budget = State().ntx_sort_budget ? State().ntx_sort_budget : kDefaultSortBudget;
   uint64_t run_capacity = budget / l.entry_size;

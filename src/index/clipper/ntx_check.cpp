@@ -112,8 +112,8 @@ void Checker::Walk(uint32_t offset, int depth, bool is_root) {
   for (int i = 0; i <= max_items_; ++i) {
     entries[i] = TableEntry(page, i);
     if (entries[i] < lowest || entries[i] + static_cast<uint32_t>(item_size_) > kPageSize) {
-      Report(offset, DB_ERR_CORRUPTED, "offset table entry %d (%u) points outside the item area",
-             i, entries[i]);
+      Report(offset, DB_ERR_CORRUPTED, "offset table entry %d (%u) points outside the item area", i,
+             entries[i]);
       table_ok = false;
     }
   }

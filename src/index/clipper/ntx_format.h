@@ -126,8 +126,12 @@ inline uint16_t PageCount(const uint8_t* page) { return LoadLE16(page + kPageCou
 inline void SetPageCount(uint8_t* page, int n) {
   StoreLE16(page + kPageCount, static_cast<uint16_t>(n));
 }
-inline uint16_t TableEntry(const uint8_t* page, int i) { return LoadLE16(page + kPageTable + 2 * i); }
-inline void SetTableEntry(uint8_t* page, int i, uint16_t v) { StoreLE16(page + kPageTable + 2 * i, v); }
+inline uint16_t TableEntry(const uint8_t* page, int i) {
+  return LoadLE16(page + kPageTable + 2 * i);
+}
+inline void SetTableEntry(uint8_t* page, int i, uint16_t v) {
+  StoreLE16(page + kPageTable + 2 * i, v);
+}
 inline uint8_t* Item(uint8_t* page, int i) { return page + TableEntry(page, i); }
 inline const uint8_t* Item(const uint8_t* page, int i) { return page + TableEntry(page, i); }
 inline uint32_t ItemChild(const uint8_t* item) { return LoadLE32(item + kItemChild); }

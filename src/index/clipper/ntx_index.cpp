@@ -185,7 +185,8 @@ int32_t FillFromHeader(NtxIndex* ix, const uint8_t* h) {
   if (half != max_items / 2) return KS_FAIL(kOpen, DB_ERR_MIN_KEYS);
   const char* stored = reinterpret_cast<const char*>(h + kHdrExpression);
   size_t expr_length = strnlen(stored, kExpressionSize);
-  if (expr_length >= static_cast<size_t>(kExpressionSize)) return KS_FAIL(kOpen, DB_ERR_BAD_EXPRESSION);
+  if (expr_length >= static_cast<size_t>(kExpressionSize))
+    return KS_FAIL(kOpen, DB_ERR_BAD_EXPRESSION);
 
   KeyDescriptor* k = static_cast<KeyDescriptor*>(MemAlloc(sizeof(KeyDescriptor)));
   if (!k) return KS_FAIL(kOpen, DB_ERR_MEMORY);

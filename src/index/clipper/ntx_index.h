@@ -62,39 +62,39 @@ struct CacheEntry {
 };
 
 struct KeyDescriptor {
-  uint32_t root;              // root page offset
-  PathEntry* path;            // one entry per level, root first
-  uint16_t depth;             // entries allocated in path
-  uint8_t* current_key;       // key_length + 1 bytes: last remembered key
-  uint32_t current_record;    // record of the last remembered key
-  char* expression;           // own copy, blanks removed, upper case
-  uint16_t level;             // current level; kNoLevel = no position
-  uint16_t remember;          // search-remember flag
-  uint16_t flags;             // kFlagUnique | kFlagDescending
-  uint16_t half_page;         // minimum keys of a non-root page
-  uint16_t max_items;         // maximum keys of a page
-  uint16_t decimals;          // decimal places of a numeric key
-  uint16_t key_length;        // key bytes
-  uint16_t item_size;         // key_length + 8
-  uint8_t binary_type;        // 0, or 1..6 for binary keys
+  uint32_t root;            // root page offset
+  PathEntry* path;          // one entry per level, root first
+  uint16_t depth;           // entries allocated in path
+  uint8_t* current_key;     // key_length + 1 bytes: last remembered key
+  uint32_t current_record;  // record of the last remembered key
+  char* expression;         // own copy, blanks removed, upper case
+  uint16_t level;           // current level; kNoLevel = no position
+  uint16_t remember;        // search-remember flag
+  uint16_t flags;           // kFlagUnique | kFlagDescending
+  uint16_t half_page;       // minimum keys of a non-root page
+  uint16_t max_items;       // maximum keys of a page
+  uint16_t decimals;        // decimal places of a numeric key
+  uint16_t key_length;      // key bytes
+  uint16_t item_size;       // key_length + 8
+  uint8_t binary_type;      // 0, or 1..6 for binary keys
 };
 
 struct NtxIndex : ControlBlock {
-  uint32_t state;            // kState* flags
-  FileHandle file;           // file services handle
-  int32_t write_mode;        // flush word handed to page writes
-  char* file_name;           // as given to the open
-  uint8_t lock_state;        // kLockHeld while this process holds the lock
-  uint32_t free_head;        // first free page (header offset 8)
-  uint64_t file_length;      // bytes, kept current as pages are added
-  KeyDescriptor* key;        // owned
-  CacheEntry* cache;         // cache entries, most recently used first
-  uint16_t buffers;          // page buffers allocated
-  uint16_t in_use;           // entries holding a page
-  uint16_t capacity;         // entries in the array
-  uint16_t version;          // header offset 2
-  uint8_t header_changed;    // header must be rewritten at the next flush
-  int32_t numeric_form;      // kNumericIntegerDigits or kNumericWithDecimals
+  uint32_t state;          // kState* flags
+  FileHandle file;         // file services handle
+  int32_t write_mode;      // flush word handed to page writes
+  char* file_name;         // as given to the open
+  uint8_t lock_state;      // kLockHeld while this process holds the lock
+  uint32_t free_head;      // first free page (header offset 8)
+  uint64_t file_length;    // bytes, kept current as pages are added
+  KeyDescriptor* key;      // owned
+  CacheEntry* cache;       // cache entries, most recently used first
+  uint16_t buffers;        // page buffers allocated
+  uint16_t in_use;         // entries holding a page
+  uint16_t capacity;       // entries in the array
+  uint16_t version;        // header offset 2
+  uint8_t header_changed;  // header must be rewritten at the next flush
+  int32_t numeric_form;    // kNumericIntegerDigits or kNumericWithDecimals
 
   ~NtxIndex() override;
 };

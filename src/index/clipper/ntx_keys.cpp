@@ -41,10 +41,17 @@ bool RoundUp(char* text, int at, int first) {
 
 int BinaryKeyLength(int type) {
   switch (type) {
-    case 1: return 8;
-    case 2: case 3: case 4: return 4;
-    case 5: case 6: return 2;
-    default: return 0;
+    case 1:
+      return 8;
+    case 2:
+    case 3:
+    case 4:
+      return 4;
+    case 5:
+    case 6:
+      return 2;
+    default:
+      return 0;
   }
 }
 
@@ -141,7 +148,8 @@ void BinaryToKey(int type, const void* value, uint8_t* key) {
       StoreBE32(key + 4, static_cast<uint32_t>(bits));
       break;
     }
-    case 2: case 4: {
+    case 2:
+    case 4: {
       uint32_t bits;
       std::memcpy(&bits, value, 4);
       bits = (bits >> 31) ? ~bits : (bits | 0x80000000u);
@@ -180,7 +188,8 @@ void KeyToBinary(int type, const uint8_t* key, void* value) {
       std::memcpy(value, &bits, 8);
       break;
     }
-    case 2: case 4: {
+    case 2:
+    case 4: {
       uint32_t bits = LoadBE32(key);
       bits = (bits >> 31) ? (bits & 0x7FFFFFFFu) : ~bits;
       std::memcpy(value, &bits, 4);
@@ -217,8 +226,10 @@ int32_t DateToKey(char* key, const char* date, int32_t style) {
   } else {
     char text[16] = {};
     rc = FormatDate(text, kDateStyleDbase, y, m, d);
-    if (rc < 0) KS_FAIL(kDate, rc);
-    else std::memcpy(key, text, 8);
+    if (rc < 0)
+      KS_FAIL(kDate, rc);
+    else
+      std::memcpy(key, text, 8);
   }
   key[8] = '\0';
   return SetErrorCode(0);
@@ -251,7 +262,12 @@ int32_t ValueToKey(NtxIndex* ix, const DBEXPRVALUE& v, char* key, ModulePath mod
   const KeyDescriptor& k = *ix->key;
   int length = k.key_length;
   switch (v.type) {
-    case 1: case 2: case 3: case 4: case 5: case 6: {
+    case 1:
+    case 2:
+    case 3:
+    case 4:
+    case 5:
+    case 6: {
       if (BinaryKeyLength(v.type) != length) return KS_FAIL(module, DB_ERR_KEY_LENGTH);
       BinaryToKey(v.type, v.value, reinterpret_cast<uint8_t*>(key));
       key[length] = '\0';
@@ -290,7 +306,8 @@ int32_t ValueToKey(NtxIndex* ix, const DBEXPRVALUE& v, char* key, ModulePath mod
       key[length] = '\0';
       return 0;
     }
-    case 'N': case 'F': {
+    case 'N':
+    case 'F': {
       double value = LoadDouble(static_cast<const uint8_t*>(v.value));
       int32_t rc = NumericToKey(value, length, k.decimals, ix->numeric_form, key);
       if (rc < 0) return KS_FAIL(module, rc);

@@ -208,9 +208,14 @@ namespace {
 // The search stopped on the first item that sorts after the sought key.
 int32_t StopOnItem(NtxIndex* ix, int mode, ModulePath module) {
   switch (mode) {
-    case 1: case 2: case 11: case 12: case 13:
+    case 1:
+    case 2:
+    case 11:
+    case 12:
+    case 13:
       return DB_WARN_KEY_NOT_FOUND;
-    case 14: case 15: {
+    case 14:
+    case 15: {
       if (!IsDescending(ix)) return 0;
       int32_t rc = PreviousKeyStep(ix, module);
       if (rc == kBeforeStart) return DB_WARN_KEY_NOT_FOUND;
@@ -228,8 +233,10 @@ int32_t CoreSearch(NtxIndex* ix, const SearchKey& key, uint32_t record, int mode
   KeyDescriptor& k = Key(ix);
   bool descending = IsDescending(ix);
   int equal_mode = mode;
-  if (descending && mode == 11) equal_mode = 15;
-  else if (descending && mode == 15) equal_mode = 11;
+  if (descending && mode == 11)
+    equal_mode = 15;
+  else if (descending && mode == 15)
+    equal_mode = 11;
   uint8_t* page = nullptr;
   int32_t rc = StartAtRoot(ix, &page, module);
   if (rc != 0) return rc;
@@ -247,8 +254,10 @@ int32_t CoreSearch(NtxIndex* ix, const SearchKey& key, uint32_t record, int mode
         int mid = (lo + hi) / 2;
         int c = Compare(key.bytes, ItemKey(Item(page, mid)), key.compare_length);
         if (descending) c = -c;
-        if (c > 0) lo = mid + 1;
-        else hi = mid;
+        if (c > 0)
+          lo = mid + 1;
+        else
+          hi = mid;
       }
       k.path[lvl].pos = lo;
       entered = false;
@@ -264,16 +273,27 @@ int32_t CoreSearch(NtxIndex* ix, const SearchKey& key, uint32_t record, int mode
       action = kDown;
     } else {
       switch (equal_mode) {
-        case 1: case 12: case 13: case 14:
+        case 1:
+        case 12:
+        case 13:
+        case 14:
           action = ItemChild(item) ? kDown : kFound;
           break;
         case 2:
-          if (ItemRecord(item) == record) action = kFound;
-          else action = ItemChild(item) ? kDown : kAdvance;
+          if (ItemRecord(item) == record)
+            action = kFound;
+          else
+            action = ItemChild(item) ? kDown : kAdvance;
           break;
-        case 11: action = kDown; break;
-        case 15: action = kAdvance; break;
-        default: action = kFound; break;
+        case 11:
+          action = kDown;
+          break;
+        case 15:
+          action = kAdvance;
+          break;
+        default:
+          action = kFound;
+          break;
       }
     }
     if (action == kFound) return 0;
@@ -350,7 +370,9 @@ int32_t KeySearch(NtxIndex* ix, char* key, int32_t* record, int32_t mode) {
       case 1:
         if (rc == DB_WARN_KEY_NOT_FOUND && ascending) {
           step = PreviousKeyStep(ix, kSearch);
-          rc = step < 0 ? step : step == kBeforeStart ? DB_WARN_NO_MORE_KEYS : DB_WARN_KEY_NOT_FOUND;
+          rc = step < 0               ? step
+               : step == kBeforeStart ? DB_WARN_NO_MORE_KEYS
+                                      : DB_WARN_KEY_NOT_FOUND;
         } else if (rc == kBeforeStart) {
           rc = DB_WARN_NO_MORE_KEYS;
         } else if (rc == kPastEnd) {
@@ -360,7 +382,8 @@ int32_t KeySearch(NtxIndex* ix, char* key, int32_t* record, int32_t mode) {
       case 2:
         if (rc == kPastEnd) rc = DB_WARN_NO_MORE_KEYS;
         break;
-      case 11: case 12:
+      case 11:
+      case 12:
         if (rc == DB_WARN_KEY_NOT_FOUND) {
           if (!ascending) {
             rc = 0;
@@ -382,7 +405,8 @@ int32_t KeySearch(NtxIndex* ix, char* key, int32_t* record, int32_t mode) {
           rc = DB_WARN_KEY_NOT_FOUND;
         }
         break;
-      case 14: case 15:
+      case 14:
+      case 15:
         if (rc == kPastEnd) rc = ascending ? DB_WARN_KEY_NOT_FOUND : 0;
         break;
       default:
@@ -423,10 +447,14 @@ int32_t Move(NtxIndex* ix, int32_t code, char* key, int32_t* record) {
     } else {
       SearchKey sk{k.current_key, k.key_length};
       int32_t s = CoreSearch(ix, sk, k.current_record, 2, kSearch);
-      if (s < 0) rc = s;
-      else if (what == 64 && s == DB_WARN_KEY_NOT_FOUND) rc = DB_WARN_KEY_NOT_FOUND;
-      else if (what == 80 && s == kPastEnd) rc = DB_WARN_KEY_NOT_FOUND;
-      else if (s == DB_WARN_FILE_EMPTY) rc = DB_WARN_FILE_EMPTY;
+      if (s < 0)
+        rc = s;
+      else if (what == 64 && s == DB_WARN_KEY_NOT_FOUND)
+        rc = DB_WARN_KEY_NOT_FOUND;
+      else if (what == 80 && s == kPastEnd)
+        rc = DB_WARN_KEY_NOT_FOUND;
+      else if (s == DB_WARN_FILE_EMPTY)
+        rc = DB_WARN_FILE_EMPTY;
     }
     if (rc != 0) {
       k.remember = 0;
@@ -441,8 +469,12 @@ int32_t Move(NtxIndex* ix, int32_t code, char* key, int32_t* record) {
   }
   int32_t m;
   switch (what) {
-    case 32: m = GoFirst(ix, kSearch); break;
-    case 48: m = GoLast(ix, kSearch); break;
+    case 32:
+      m = GoFirst(ix, kSearch);
+      break;
+    case 48:
+      m = GoLast(ix, kSearch);
+      break;
     case 64:
       m = NextKeyStep(ix, kSearch);
       if (m == kPastEnd) m = DB_WARN_NO_MORE_KEYS;
@@ -485,8 +517,10 @@ int32_t GetCurrentKey(NtxIndex* ix, char* key, int32_t* record) {
     } else {
       SearchKey sk{k.current_key, k.key_length};
       int32_t s = CoreSearch(ix, sk, k.current_record, 2, kSearch);
-      if (s < 0) rc = s;
-      else if (s != 0) rc = DB_WARN_KEY_NOT_FOUND;
+      if (s < 0)
+        rc = s;
+      else if (s != 0)
+        rc = DB_WARN_KEY_NOT_FOUND;
     }
   } else if (rc >= 0 && k.level == kNoLevel) {
     rc = DB_WARN_KEY_NOT_FOUND;

@@ -112,13 +112,18 @@ int32_t SplitPage(NtxIndex* ix, uint32_t offset, int pos, Pending* p) {
   if (rc < 0) return rc;
   for (int j = 0; j <= max; ++j) {
     uint8_t* dst = seq + j * size;
-    if (j < pos) std::memcpy(dst, Item(page, j), size);
-    else if (j == pos) WriteItem(dst, p->left, p->record, p->key, k.key_length);
-    else std::memcpy(dst, Item(page, j - 1), size);
+    if (j < pos)
+      std::memcpy(dst, Item(page, j), size);
+    else if (j == pos)
+      WriteItem(dst, p->left, p->record, p->key, k.key_length);
+    else
+      std::memcpy(dst, Item(page, j - 1), size);
   }
   uint32_t final_child = ItemChild(Item(page, max));
-  if (pos < max) SetItemChild(seq + (pos + 1) * size, p->right);
-  else final_child = p->right;
+  if (pos < max)
+    SetItemChild(seq + (pos + 1) * size, p->right);
+  else
+    final_child = p->right;
 
   uint32_t new_offset = 0;
   uint8_t* fresh = nullptr;
@@ -133,7 +138,8 @@ int32_t SplitPage(NtxIndex* ix, uint32_t offset, int pos, Pending* p) {
   rc = Load(ix, offset, &page, kAdd);
   if (rc < 0) return rc;
   InitPage(page, max, size);
-  for (int j = 0; j < max - half; ++j) std::memcpy(Item(page, j), seq + (half + 1 + j) * size, size);
+  for (int j = 0; j < max - half; ++j)
+    std::memcpy(Item(page, j), seq + (half + 1 + j) * size, size);
   SetItemChild(Item(page, max - half), final_child);
   SetPageCount(page, max - half);
   rc = Changed(ix, offset, kAdd);
@@ -273,8 +279,8 @@ int32_t Rebalance(NtxIndex* ix, int lvl, int* pos) {
   if (n + sn >= max) {
     if (sn == 0) return KS_FAIL(kDelete, DB_ERR_CORRUPTED);
     if (sibling_left) {
-      InsertIntoPage(page, 0, ItemChild(Item(sibling, sn)), ItemRecord(sep_item),
-                     ItemKey(sep_item), k);
+      InsertIntoPage(page, 0, ItemChild(Item(sibling, sn)), ItemRecord(sep_item), ItemKey(sep_item),
+                     k);
       const uint8_t* last = Item(sibling, sn - 1);
       SetItemRecord(sep_item, ItemRecord(last));
       std::memcpy(ItemKey(sep_item), ItemKey(last), k.key_length);
@@ -358,11 +364,13 @@ int32_t DeleteKey(NtxIndex* ix, const char* key, uint32_t record) {
     // leaf below it) takes its place, and the removal moves to that leaf.
     uint32_t inner_offset = k.path[lvl].page;
     for (;;) {
-      if (k.level + 1 >= k.depth) return EndChange(ix, KS_FAIL(kDelete, DB_ERR_CORRUPTED), true, locked_here, kDelete);
+      if (k.level + 1 >= k.depth)
+        return EndChange(ix, KS_FAIL(kDelete, DB_ERR_CORRUPTED), true, locked_here, kDelete);
       rc = Load(ix, child, &page, kDelete);
       if (rc < 0) return EndChange(ix, rc, true, locked_here, kDelete);
       int n = PageCount(page);
-      if (n == 0) return EndChange(ix, KS_FAIL(kDelete, DB_ERR_CORRUPTED), true, locked_here, kDelete);
+      if (n == 0)
+        return EndChange(ix, KS_FAIL(kDelete, DB_ERR_CORRUPTED), true, locked_here, kDelete);
       ++k.level;
       k.path[k.level] = PathEntry{child, n};
       child = ItemChild(Item(page, n));
