@@ -206,6 +206,71 @@ TEST_P(PackTest, ReadOnlyMemoIsRefused) {
   DBCloseFile(t);
 }
 
+// A shared table and a shared memo file: the pack takes the table's file
+// lock and gives it back, and the memo file is reopened shared.
+TEST_P(PackTest, SharedFilesArePackedUnderLocks) {
+  const Format& f = GetParam();
+  std::string dbf = dir_.File("sh.dbf");
+  std::string memo = dir_.File(f.fpt ? "sh.fpt" : "sh.dbt");
+  CreateTable(dbf);
+  if (f.fpt) {
+    ASSERT_EQ(DBfpCreateMemo(memo.c_str(), f.memo_arg), 0);
+  } else {
+    ASSERT_EQ(DBxbCreateMemo(memo.c_str(), f.memo_arg, f.table_dialect), 0);
+  }
+  int32_t t = -1, m = -1;
+  ASSERT_EQ(DBOpenFile(&t, dbf.c_str(), f.table_dialect | DB_OPEN_AUTOLOCK), 0);
+  ASSERT_EQ(f.fpt ? DBfpOpenMemo(&m, memo.c_str(), DB_OPEN_AUTOLOCK)
+                  : DBxbOpenMemo(&m, memo.c_str(), f.table_dialect | DB_OPEN_AUTOLOCK),
+            0);
+  std::vector<std::string> texts;
+  for (int r = 1; r <= 5; ++r) {
+    std::string text(300 * r, static_cast<char>('k' + r));
+    uint32_t b = PutMemo(m, text);
+    if (r == 2) {  // grown: moves and leaves dead space behind
+      text += "!";
+      b = PutMemo(m, text, b);
+    }
+    texts.push_back(text);
+    ASSERT_EQ(DBClearBuffer(t), 0);
+    ASSERT_EQ(DBPutFieldData(t, 1, &b), 0);
+    int32_t recno = 0;
+    ASSERT_EQ(DBPutRecord(t, &recno, DB_RECORD_APPEND), 0);
+  }
+  ASSERT_EQ(f.fpt ? DBfpPackMemo(t, &m) : DBxbPackMemo(t, &m), 0);
+  DBLOCKINFO* locks = nullptr;
+  int32_t held = -1;
+  ASSERT_EQ(DBGetLockInfo(t, &locks, &held), 0);
+  EXPECT_EQ(held, 0);
+  if (locks) DBFreeMemory(locks);
+  int32_t attributes = 0;
+  if (f.fpt) {
+    DBFPMEMOINFO info{};
+    ASSERT_EQ(DBfpGetMemoInfo(m, &info), 0);
+    attributes = info.attributes;
+    EXPECT_EQ(info.locked, 0);
+  } else {
+    DBXBMEMOINFO info{};
+    ASSERT_EQ(DBxbGetMemoInfo(m, &info), 0);
+    attributes = info.attributes;
+    EXPECT_EQ(info.locked, 0);
+  }
+  EXPECT_TRUE(attributes & DB_MEMO_ATTR_SHARED);
+  EXPECT_TRUE(attributes & DB_MEMO_ATTR_AUTOLOCK);
+  for (int r = 1; r <= 5; ++r) {
+    ASSERT_GE(DBGetRecord(t, r), 0);
+    uint32_t b = 0;
+    ASSERT_EQ(DBGetFieldData(t, 1, &b), 0);
+    EXPECT_EQ(GetMemo(m, b), texts[static_cast<size_t>(r - 1)]);
+  }
+  if (f.fpt) {
+    DBfpCloseMemo(m);
+  } else {
+    DBxbCloseMemo(m);
+  }
+  DBCloseFile(t);
+}
+
 INSTANTIATE_TEST_SUITE_P(Formats, PackTest,
                          ::testing::Values(Format{"dbt_plain", 3, false, 1, 512, 2, 1},
                                            Format{"dbt_dbase4", 2, false, 1, 512, 8, 1},
