@@ -1,0 +1,85 @@
+// The kestrel tool's index commands: build, list keys and check, on the
+// fixture table, and the checker's exit status on a damaged file.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "support/interop.h"
+#include "support/temp_dir.h"
+#include "util/coding.h"
+
+namespace kestrel::test {
+namespace {
+
+class NtxToolTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    tool_ = KESTREL_TOOL_PATH;
+    if (tool_.empty() || !std::filesystem::exists(tool_)) {
+      GTEST_SKIP() << "the kestrel tool is not built (target kestrel_tool)";
+    }
+    table_ = CopyFixture("ntx/staff.dbf", dir_);
+    CopyFixture("ntx/staff.dbt", dir_);
+  }
+  ProcessResult Tool(std::vector<std::string> args) {
+    args.insert(args.begin(), tool_);
+    return RunProcess(args);
+  }
+  static std::vector<std::string> Lines(const std::string& text) {
+    std::vector<std::string> out;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) out.push_back(line);
+    return out;
+  }
+  std::string tool_, table_;
+  TempDir dir_;
+};
+
+TEST_F(NtxToolTest, BuildListAndCheck) {
+  std::string index = dir_.File("city.ntx");
+  ProcessResult r = Tool({"index", "build", table_, index, "CITY+NAME"});
+  ASSERT_EQ(r.exit_code, 0) << r.err;
+  r = Tool({"check", index});
+  EXPECT_EQ(r.exit_code, 0) << r.out << r.err;
+  EXPECT_NE(r.out.find("keys:        300"), std::string::npos) << r.out;
+  r = Tool({"index", "keys", index, "--table", table_});
+  ASSERT_EQ(r.exit_code, 0) << r.err;
+  auto lines = Lines(r.out);
+  ASSERT_EQ(lines.size(), 300u);
+  // Keys of 35 characters (from the first record), in order.
+  for (size_t i = 1; i < lines.size(); ++i) {
+    std::string a = lines[i - 1].substr(lines[i - 1].find('\t') + 1);
+    std::string b = lines[i].substr(lines[i].find('\t') + 1);
+    EXPECT_LE(a, b) << i;
+  }
+  // A numeric key with decimals, unique and descending flags.
+  std::string salary = dir_.File("salary.ntx");
+  r = Tool({"index", "build", table_, salary, "SALARY", "--type", "N", "--length", "10",
+            "--decimals", "2", "--clipper-numeric", "--descending"});
+  ASSERT_EQ(r.exit_code, 0) << r.err;
+  r = Tool({"index", "keys", salary});
+  ASSERT_EQ(r.exit_code, 0) << r.err;
+  lines = Lines(r.out);
+  ASSERT_EQ(lines.size(), 300u);
+  EXPECT_EQ(lines.front().substr(lines.front().find('\t') + 1), "9999999.99");
+}
+
+TEST_F(NtxToolTest, CheckFailsOnADamagedFile) {
+  std::string index = dir_.File("name.ntx");
+  ASSERT_EQ(Tool({"index", "build", table_, index, "NAME", "--length", "20"}).exit_code, 0);
+  std::vector<uint8_t> bytes = ReadFileBytes(index);
+  uint32_t root = LoadLE32(&bytes[4]);
+  StoreLE16(&bytes[root], 200);  // more keys than a page holds
+  WriteFileBytes(index, bytes);
+  ProcessResult r = Tool({"check", index});
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_NE(r.out.find("exceeds the page capacity"), std::string::npos) << r.out;
+  r = Tool({"check", dir_.File("missing.ntx")});
+  EXPECT_EQ(r.exit_code, 1);
+}
+
+}  // namespace
+}  // namespace kestrel::test
