@@ -258,3 +258,31 @@ TEST_F(FptTest, AllocationFailuresLeakNothing) {
 
 }  // namespace
 }  // namespace kestrel::test
+
+namespace kestrel::test {
+namespace {
+
+// DBTerminate closes memo files left open through their close routines:
+// afterwards the files open exclusively again and nothing is left allocated.
+TEST(MemoTerminate, ClosesOpenMemoFiles) {
+  TempDir dir;
+  std::string dbt = dir.File("t.dbt"), fpt = dir.File("t.fpt");
+  long live = kestrel::testing::LiveAllocations();
+  ASSERT_EQ(DBInitialize(20, 0), 0);
+  ASSERT_EQ(DBxbCreateMemo(dbt.c_str(), 1, 2), 0);
+  ASSERT_EQ(DBfpCreateMemo(fpt.c_str(), 64), 0);
+  int32_t a = -1, b = -1;
+  ASSERT_EQ(DBxbOpenMemo(&a, dbt.c_str(), 2), 0);
+  ASSERT_EQ(DBfpOpenMemo(&b, fpt.c_str(), 0), 0);
+  int32_t again = -1;
+  EXPECT_EQ(DBxbOpenMemo(&again, dbt.c_str(), 2), DB_ERR_OPEN);  // held exclusively
+  ASSERT_EQ(DBTerminate(), 0);
+  EXPECT_EQ(kestrel::testing::LiveAllocations(), live);
+  ASSERT_EQ(DBInitialize(20, 0), 0);
+  EXPECT_EQ(DBxbOpenMemo(&a, dbt.c_str(), 2), 0);
+  EXPECT_EQ(DBfpOpenMemo(&b, fpt.c_str(), 0), 0);
+  DBTerminate();
+}
+
+}  // namespace
+}  // namespace kestrel::test
