@@ -186,9 +186,8 @@ class SharingTest : public ::testing::Test {
   // Creates name in the temp dir (the field list is normalised in place).
   std::string Create(const std::string& name, std::vector<DBFIELD> fields, int32_t dialect) {
     std::string path = dir_.File(name);
-    EXPECT_EQ(DBCreateFile(path.c_str(), static_cast<int32_t>(fields.size()), fields.data(),
-                           dialect),
-              0)
+    EXPECT_EQ(
+        DBCreateFile(path.c_str(), static_cast<int32_t>(fields.size()), fields.data(), dialect), 0)
         << path;
     return path;
   }
