@@ -33,6 +33,11 @@ TEST_F(NtxApiTest, CreateChecksArgumentsAndWritesTheHeader) {
   char expr[] = "UPPER( NAME )";
   ASSERT_EQ(DBclCreateIndex(path.c_str(), 'C', expr, 20, 0), 0);
   EXPECT_STREQ(expr, "UPPER(NAME)");
+  char lower[] = "upper( name )";
+  ASSERT_EQ(DBclCreateIndex(dir_.File("b.ntx").c_str(), 'C', lower, 20, 0), 0);
+  EXPECT_STREQ(lower, "upper(name)");  // blanks go, the letters stay as given
+  EXPECT_STREQ(reinterpret_cast<const char*>(&ReadFileBytes(dir_.File("b.ntx"))[22]),
+               "UPPER(NAME)");
   auto bytes = ReadFileBytes(path);
   ASSERT_EQ(bytes.size(), 2048u);
   EXPECT_EQ(LoadLE16(&bytes[0]), 6);

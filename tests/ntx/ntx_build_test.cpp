@@ -182,6 +182,9 @@ TEST_F(NtxBuildTest, BadArgumentsAndExpressions) {
   EXPECT_EQ(DBclBuildIndex(table_, path.c_str(), 'Q', expr.data(), 12, 0), DB_ERR_KEY_TYPE);
   std::string bad = "NAME+AMOUNT";  // a character and a numeric value: not a key
   EXPECT_LT(DBclBuildIndex(table_, path.c_str(), 'C', bad.data(), 12, 0), 0);
+  // A key too long for the index, and a value of the wrong type.
+  EXPECT_EQ(DBclBuildIndex(table_, path.c_str(), 'C', expr.data(), 8, 0), DB_ERR_KEY_LENGTH);
+  EXPECT_EQ(DBclBuildIndex(table_, path.c_str(), 4, expr.data(), 4, 0), DB_ERR_KEY_TYPE);
   int32_t h = Build("ok.ntx", 'C', "NAME", 12);
   char* key = reinterpret_cast<char*>(1);
   EXPECT_EQ(DBclMakeKey(table_, h + 1, &key), DB_ERR_INVALID_HANDLE);

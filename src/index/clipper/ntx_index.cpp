@@ -27,6 +27,16 @@ size_t NormaliseExpression(char* text) {
   return out;
 }
 
+// Removes every blank in place; returns the length.
+size_t RemoveBlanks(char* text) {
+  size_t out = 0;
+  for (size_t i = 0; text[i]; ++i) {
+    if (text[i] != ' ') text[out++] = text[i];
+  }
+  text[out] = '\0';
+  return out;
+}
+
 int32_t CloseRoutine(int32_t handle) { return CloseIndex(handle); }
 
 // Moves cache entry k to the front, shifting the entries before it down.
@@ -98,7 +108,7 @@ void EmptyCache(NtxIndex* ix) {
 int32_t CreateIndex(const char* file_name, int32_t key_type, char* expression, int32_t key_length,
                     int32_t decimals) {
   if (!file_name || !expression) return KS_FAIL(kCreate, DB_ERR_NULL);
-  size_t expr_length = NormaliseExpression(expression);
+  size_t expr_length = RemoveBlanks(expression);
   if (expr_length >= 255) return KS_FAIL(kCreate, DB_ERR_BAD_EXPRESSION);
   bool unique = (key_type & 128) != 0;
   bool descending = (key_type & 256) != 0;
@@ -135,6 +145,7 @@ int32_t CreateIndex(const char* file_name, int32_t key_type, char* expression, i
   StoreLE16(page + kHdrMaxItems, static_cast<uint16_t>(max_items));
   StoreLE16(page + kHdrHalfPage, static_cast<uint16_t>(max_items / 2));
   std::memcpy(page + kHdrExpression, expression, expr_length);
+  NormaliseExpression(reinterpret_cast<char*>(page + kHdrExpression));  // upper case
   page[kHdrUnique] = unique ? 1 : 0;
   page[kHdrDescending] = descending ? 1 : 0;
   StoreLE16(page + kHdrBinaryType, static_cast<uint16_t>(binary));

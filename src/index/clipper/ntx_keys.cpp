@@ -261,6 +261,14 @@ int32_t KeyToDate(char* date, int32_t style, const char* key) {
 int32_t ValueToKey(NtxIndex* ix, const DBEXPRVALUE& v, char* key, ModulePath module) {
   const KeyDescriptor& k = *ix->key;
   int length = k.key_length;
+  // A value of the wrong kind for the index: a binary value for a text key,
+  // a text, date or number for a binary key, or a binary value of another type.
+  bool binary_value = v.type >= 1 && v.type <= 6;
+  if (binary_value != (k.binary_type != 0) || (binary_value && v.type != k.binary_type)) {
+    if (binary_value || v.type == 'C' || v.type == 'D' || v.type == 'N' || v.type == 'F') {
+      return KS_FAIL(module, DB_ERR_KEY_TYPE);
+    }
+  }
   switch (v.type) {
     case 1:
     case 2:
@@ -276,7 +284,7 @@ int32_t ValueToKey(NtxIndex* ix, const DBEXPRVALUE& v, char* key, ModulePath mod
     case 'C': {
       int n = v.length < 0 ? 0 : v.length;
       n = static_cast<int>(strnlen(static_cast<const char*>(v.value), n));
-      if (n > length) n = length;
+      if (n > length) return KS_FAIL(module, DB_ERR_KEY_LENGTH);  // a key too long
       std::memcpy(key, v.value, n);
       std::memset(key + n, ' ', length - n);
       key[length] = '\0';
