@@ -135,6 +135,39 @@ TEST_F(TableToolTest, CsvDumpHasHeaderAndOneLinePerRecord) {
   EXPECT_EQ(lines[7].substr(0, 7), "7,true,");
 }
 
+// A dBASE IV N20 field holds whole numbers beyond 64-bit integers: JSON
+// prints them as floating-point numbers, small ones as integers.
+TEST_F(TableToolTest, JsonDumpOfWideNumbers) {
+  const std::string path = dir_.File("wide.dbf");
+  ASSERT_GE(DBInitialize(16, 0), 0);
+  DBFIELD fields[2] = {};
+  std::snprintf(fields[0].name, sizeof fields[0].name, "BIG");
+  fields[0].type = 'N';
+  fields[0].length = 20;
+  std::snprintf(fields[1].name, sizeof fields[1].name, "SMALL");
+  fields[1].type = 'N';
+  fields[1].length = 5;
+  ASSERT_EQ(DBCreateFile(path.c_str(), 2, fields, DB_DIALECT_DBASE4), 0);
+  int32_t h = -1;
+  ASSERT_EQ(DBOpenFile(&h, path.c_str(), DB_DIALECT_DBASE4), 0);
+  const double big = 12345678901234567890.0;
+  const double small = -42;
+  ASSERT_EQ(DBPutFieldData(h, 0, &big), 0);
+  ASSERT_EQ(DBPutFieldData(h, 1, &small), 0);
+  int32_t recno = 0;
+  ASSERT_EQ(DBPutRecord(h, &recno, DB_RECORD_APPEND), 0);
+  ASSERT_EQ(DBCloseFile(h), 0);
+  DBTerminate();
+
+  ProcessResult r = Tool({"dump", "--format", "json", path});
+  ASSERT_EQ(r.exit_code, 0) << r.err;
+  Json got = Json::parse(r.out);
+  ASSERT_TRUE(got["fields"]["BIG"].is_number_float()) << r.out;
+  EXPECT_TRUE(SameValue(got["fields"]["BIG"], big)) << r.out;
+  EXPECT_TRUE(got["fields"]["SMALL"].is_number_integer()) << r.out;
+  EXPECT_EQ(got["fields"]["SMALL"], -42) << r.out;
+}
+
 TEST_F(TableToolTest, ErrorsPrintTheLibraryMessageAndExitOne) {
   ProcessResult missing = Tool({"info", dir_.File("nothing.dbf")});
   EXPECT_EQ(missing.exit_code, 1);

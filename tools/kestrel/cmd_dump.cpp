@@ -1,5 +1,6 @@
 // kestrel dump TABLE: every record with its deletion flag, as CSV or as JSON
 // lines, each value converted by the engine.
+#include <cmath>
 #include <cstdio>
 #include <iostream>
 #include <memory>
@@ -65,7 +66,10 @@ nlohmann::ordered_json JsonValue(const FieldValue& value) {
     case FieldValue::kText:
       return Latin1ToUtf8(value.text);
     case FieldValue::kNumber:
-      if (value.decimals == 0) return static_cast<int64_t>(value.number);
+      // Whole numbers print as integers while they fit one (N fields reach 20 digits).
+      if (value.decimals == 0 && std::fabs(value.number) < 9.0e18) {
+        return static_cast<int64_t>(value.number);
+      }
       return value.number;
     case FieldValue::kInteger:
       return value.integer;
