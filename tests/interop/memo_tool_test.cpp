@@ -1,6 +1,7 @@
 // kestrel memo: one memo printed raw, found through the table's companion
 // memo file.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <fstream>
 #include <map>
@@ -32,7 +33,9 @@ std::map<int, std::string> ExpectedMemos(const std::string& name) {
 
 TEST(MemoTool, PrintsOneMemoRaw) {
   const std::string tool = KESTREL_TOOL_PATH;
-  if (tool.empty()) GTEST_SKIP() << "the kestrel tool is not built";
+  if (tool.empty() || access(tool.c_str(), X_OK) != 0) {
+    GTEST_SKIP() << "the kestrel tool is not built";
+  }
   TempDir dir;
   for (const char* f : {"staff.dbf", "staff.dbt", "fstaff.dbf", "fstaff.fpt"}) {
     CopyFixture(std::string("memo/") + f, dir);
