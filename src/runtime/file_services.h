@@ -76,6 +76,16 @@ int32_t FileLock(FileHandle handle, int32_t unlock, uint32_t offset, uint32_t le
 // 1 when the lock buffer holds exactly this region for this handle.
 int32_t IsRegionLocked(FileHandle handle, uint32_t offset, uint32_t length);
 
+// A read-only view of the first `size` bytes of a file, for readers that
+// would otherwise make one system call per small read.  Views are an
+// optimisation: when none can be had *view is nullptr and the caller reads
+// through FileReadAt.  The view sees the library's own writes at once (one
+// page cache); the file must not shrink below `size` while it is mapped, so
+// only files held exclusively are viewed, and a caller that truncates one
+// unmaps it first.
+int32_t FileMapView(FileHandle handle, uint64_t size, const uint8_t** view);
+void FileUnmapView(const uint8_t* view, uint64_t size);
+
 // Raises the soft limit of open files to count (capped at the hard limit);
 // returns the resulting limit.
 int32_t SetHandleCount(int32_t count);

@@ -86,6 +86,22 @@ bool AllocateCache(TableControl* t, int32_t capacity) {
   return true;
 }
 
+void MapView(TableControl* t) {
+  UnmapView(t);
+  uint64_t size = 0;
+  if (t->Shared() || !t->Buffered() || FileSize(t->file, &size) < 0) return;
+  // Below a few pages a view saves nothing.
+  if (size < 4 * 4096) return;
+  FileMapView(t->file, size, &t->view);
+  if (t->view) t->view_size = size;
+}
+
+void UnmapView(TableControl* t) {
+  FileUnmapView(t->view, t->view_size);
+  t->view = nullptr;
+  t->view_size = 0;
+}
+
 void ResetCache(TableControl* t) {
   t->cache_first = 0;
   t->cache_count = 0;
@@ -125,7 +141,14 @@ int32_t LoadWindow(TableControl* t, uint32_t n) {
   uint32_t records = std::min<uint32_t>(static_cast<uint32_t>(t->cache_capacity), count - n + 1);
   uint64_t at = t->RecordOffset(n);
   ResetCache(t);
-  int32_t rc = FileReadAt(t->file, at, t->cache, static_cast<size_t>(records) * length);
+  size_t bytes = static_cast<size_t>(records) * length;
+  int32_t rc = 0;
+  if (t->view && at + bytes <= t->view_size) {
+    // The view shows the file as it is now, the library's own writes included.
+    std::memcpy(t->cache, t->view + at, bytes);
+  } else {
+    rc = FileReadAt(t->file, at, t->cache, bytes);
+  }
   if (rc < 0) {
     // The header may promise more records than the file holds: keep the
     // whole records that are there; record n itself must be one of them.

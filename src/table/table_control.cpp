@@ -10,6 +10,7 @@ constexpr ModulePath kDfver = KS_ENGINE_MODULE("DFVER");
 }  // namespace
 
 TableControl::~TableControl() {
+  FileUnmapView(view, view_size);
   MemFree(cache);
   if (owns_record) MemFree(record);
   MemFree(fields);

@@ -71,6 +71,8 @@ struct TableControl : ControlBlock {
   uint8_t dialect = 0;               // dialect code 1..9
   uint8_t has_memo = 0;              // 1 when a field of type M exists
   int32_t current = 0;               // current record number; 0 = none
+  const uint8_t* view = nullptr;     // read-only view of the file (exclusive, buffered tables)
+  uint64_t view_size = 0;            // bytes the view covers
 
   // Header accessors.
   uint32_t RecordCount() const;
@@ -127,6 +129,12 @@ int32_t WriteHeader(TableControl* t, bool own_count);
 int32_t DefaultCacheCapacity(uint32_t record_length);
 // Allocates the cache for `capacity` records; false when out of memory.
 bool AllocateCache(TableControl* t, int32_t capacity);
+// Maps the file for reading when the table is held exclusively and
+// buffered, so that loading a cache window is a copy instead of a system
+// call; without a view windows are read from the file.
+void MapView(TableControl* t);
+// Drops the view (before the file is cut shorter, and on close).
+void UnmapView(TableControl* t);
 // Empties the cache (nothing cached, not dirty).  Does not write anything.
 void ResetCache(TableControl* t);
 // Notes that cache slot `slot` was changed: a write-back writes the changed

@@ -134,6 +134,7 @@ int32_t OpenInto(TableControl* t, const char* name, int32_t mode) {
   t->file_name = static_cast<char*>(MemAlloc(name_length + 1));
   if (!t->file_name) return KS_FAIL(kDopen, DB_ERR_MEMORY);
   std::memcpy(t->file_name, name, name_length + 1);
+  MapView(t);
   return 0;
 }
 }  // namespace
@@ -141,6 +142,7 @@ int32_t OpenInto(TableControl* t, const char* name, int32_t mode) {
 void Discard(int32_t handle, TableControl* t) {
   if (t->file != kNoFile) {
     if (t->Shared()) CleanUp([&] { return UnlockAllRegions(t); });
+    UnmapView(t);
     FileClose(t->file);
     t->file = kNoFile;
   }

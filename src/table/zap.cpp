@@ -27,6 +27,8 @@ int32_t Zap(TableControl* t) {
     if (rc < 0) return KS_FAIL(kDzap, rc);
     t->SetChainHead(0);
   }
+  // The view must not reach past the end of the cut file.
+  UnmapView(t);
   rc = FileTruncate(t->file, t->HeaderLength());
   if (rc < 0) return KS_PASS(kDzap, rc);
   ResetCache(t);

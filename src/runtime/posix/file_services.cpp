@@ -6,6 +6,7 @@
 // classic fcntl record locks where the kernel lacks them.
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -276,6 +277,19 @@ int32_t FileLock(FileHandle handle, int32_t unlock, uint32_t offset, uint32_t le
     }
   }
   return Ok();
+}
+
+int32_t FileMapView(FileHandle handle, uint64_t size, const uint8_t** view) {
+  if (!view) return KS_FAIL(kFile, DB_ERR_NULL);
+  *view = nullptr;
+  if (size == 0 || size > static_cast<uint64_t>(SIZE_MAX)) return Ok();
+  void* p = ::mmap(nullptr, static_cast<size_t>(size), PROT_READ, MAP_SHARED, handle, 0);
+  if (p != MAP_FAILED) *view = static_cast<const uint8_t*>(p);
+  return Ok();
+}
+
+void FileUnmapView(const uint8_t* view, uint64_t size) {
+  if (view) ::munmap(const_cast<uint8_t*>(view), static_cast<size_t>(size));
 }
 
 int32_t SetHandleCount(int32_t count) {
