@@ -134,6 +134,22 @@ TEST_F(FileServicesTest, ShortTransfersAndBadHandles) {
   EXPECT_EQ(FileClose(-1), -233);  // a close never reports an error
 }
 
+TEST_F(FileServicesTest, ViewSeesTheLibrarysOwnWrites) {
+  std::string path = MakeFile("t.dbf", "abcdefgh");
+  FileHandle h = Open(path, 0);
+  const uint8_t* view = reinterpret_cast<const uint8_t*>(1);
+  ASSERT_EQ(FileMapView(h, 0, &view), 0);
+  EXPECT_EQ(view, nullptr);  // nothing to map: callers read through the file
+  ASSERT_EQ(FileMapView(h, 8, &view), 0);
+  ASSERT_NE(view, nullptr);
+  EXPECT_EQ(std::memcmp(view, "abcdefgh", 8), 0);
+  EXPECT_EQ(FileWriteAt(h, 2, "XY", 2, 0), 0);
+  EXPECT_EQ(std::memcmp(view, "abXYefgh", 8), 0);
+  FileUnmapView(view, 8);
+  EXPECT_EQ(FileMapView(h, 8, nullptr), -221);
+  FileClose(h);
+}
+
 TEST_F(FileServicesTest, RenameCodesComeFromTheLibraryCode) {
   std::string missing = dir_.File("missing.dbf");
   std::string target = dir_.File("new.dbf");
