@@ -65,6 +65,21 @@ void DropEntry(NtxIndex* ix, int k) {
   --ix->in_use;
 }
 
+void UnmapView(NtxIndex* ix) {
+  FileUnmapView(ix->view, ix->view_size);
+  ix->view = nullptr;
+  ix->view_size = 0;
+}
+
+// Maps the file of an index no other process can change or shorten.  Below a
+// few pages a view saves nothing.
+void MapView(NtxIndex* ix) {
+  UnmapView(ix);
+  if (IsShared(ix) || ix->file_length < 8 * kPageSize) return;
+  FileMapView(ix->file, ix->file_length, &ix->view);
+  if (ix->view) ix->view_size = ix->file_length;
+}
+
 int32_t WritePage(NtxIndex* ix, const CacheEntry& e) {
   int32_t rc = FileWriteAt(ix->file, e.offset, e.buffer, kPageSize, ix->write_mode);
   if (rc < 0) return KS_FAIL(kCache, rc);
@@ -74,6 +89,7 @@ int32_t WritePage(NtxIndex* ix, const CacheEntry& e) {
 }  // namespace
 
 NtxIndex::~NtxIndex() {
+  UnmapView(this);
   MemFree(file_name);
   if (key) {
     MemFree(key->path);
@@ -290,6 +306,7 @@ int32_t OpenIndex(int32_t* handle, const char* file_name, int32_t open_mode) {
     }
   }
   if (rc >= 0) rc = AllocateCache(ix, IsWriteThrough(ix) ? kWriteThroughBuffers : kDefaultBuffers);
+  if (rc >= 0) MapView(ix);
   if (rc < 0) {
     if (ix->file != kNoFile) FileClose(ix->file);
     ReleaseHandle(*handle);
@@ -316,6 +333,7 @@ int32_t CloseIndex(int32_t handle) {
     FileLock(ix->file, 1, kLockOffset, kLockLength);
     ix->lock_state = 0;
   }
+  UnmapView(ix);
   FileClose(ix->file);
   ReleaseHandle(handle);
   return SetErrorCode(result);
@@ -350,7 +368,13 @@ int32_t LoadPage(NtxIndex* ix, uint32_t offset, uint8_t** page, PageUse use) {
   if (use == PageUse::kFresh) {
     InitPage(e.buffer, k->max_items, k->item_size);
   } else {
-    int32_t rc = FileReadAt(ix->file, offset, e.buffer, kPageSize);
+    int32_t rc = 0;
+    if (ix->view && offset + static_cast<uint64_t>(kPageSize) <= ix->view_size) {
+      // The view shows the file as it is now, this process's writes included.
+      std::memcpy(e.buffer, ix->view + offset, kPageSize);
+    } else {
+      rc = FileReadAt(ix->file, offset, e.buffer, kPageSize);
+    }
     bool bad = false;
     if (rc >= 0) {
       bad = !PageLayoutValid(e.buffer, k->max_items, k->item_size, use == PageUse::kFree);
@@ -615,6 +639,7 @@ int32_t ZapIndex(NtxIndex* ix) {
     if (rc < 0) rc = KS_FAIL(kZap, rc);
   }
   if (rc >= 0) {
+    UnmapView(ix);  // the file shrinks below the view
     rc = FileTruncate(ix->file, 2 * kPageSize);
     if (rc < 0) rc = KS_PASS(kZap, rc);
   }
