@@ -69,15 +69,33 @@ void UnmapView(NtxIndex* ix) {
   FileUnmapView(ix->view, ix->view_size);
   ix->view = nullptr;
   ix->view_size = 0;
+  ix->view_tried = 0;
 }
 
+constexpr uint64_t kMinViewBytes = 8 * kPageSize;
+constexpr uint64_t kViewHeadroom = 64 * kPageSize;
+
 // Maps the file of an index no other process can change or shorten.  Below a
-// few pages a view saves nothing.
+// few pages a view saves nothing.  The view reaches beyond the end of the
+// file, so that the pages an update adds are found in it too; only bytes
+// below file_length (which this process extends itself) are ever read.
 void MapView(NtxIndex* ix) {
   UnmapView(ix);
-  if (IsShared(ix) || ix->file_length < 8 * kPageSize) return;
-  FileMapView(ix->file, ix->file_length, &ix->view);
-  if (ix->view) ix->view_size = ix->file_length;
+  ix->view_tried = ix->file_length;
+  if (IsShared(ix) || ix->file_length < kMinViewBytes) return;
+  uint64_t size = ix->file_length + ix->file_length / 4 + kViewHeadroom;
+  size = (size + kPageSize - 1) / kPageSize * kPageSize;
+  FileMapView(ix->file, size, &ix->view);
+  if (ix->view) ix->view_size = size;
+}
+
+// True when the page at offset can be copied from the view, which is mapped
+// again when the file has grown past it.
+bool InView(NtxIndex* ix, uint32_t offset) {
+  uint64_t end = static_cast<uint64_t>(offset) + kPageSize;
+  if (end > ix->file_length) return false;
+  if (end > ix->view_size && !IsShared(ix) && ix->file_length > ix->view_tried) MapView(ix);
+  return ix->view && end <= ix->view_size;
 }
 
 int32_t WritePage(NtxIndex* ix, const CacheEntry& e) {
@@ -369,7 +387,7 @@ int32_t LoadPage(NtxIndex* ix, uint32_t offset, uint8_t** page, PageUse use) {
     InitPage(e.buffer, k->max_items, k->item_size);
   } else {
     int32_t rc = 0;
-    if (ix->view && offset + static_cast<uint64_t>(kPageSize) <= ix->view_size) {
+    if (InView(ix, offset)) {
       // The view shows the file as it is now, this process's writes included.
       std::memcpy(e.buffer, ix->view + offset, kPageSize);
     } else {

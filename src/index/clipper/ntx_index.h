@@ -95,10 +95,11 @@ struct NtxIndex : ControlBlock {
   uint16_t version;        // header offset 2
   uint8_t header_changed;  // header must be rewritten at the next flush
   int32_t numeric_form;    // kNumericIntegerDigits or kNumericWithDecimals
-  // Read-only view of the file as opened (exclusive indexes only); pages
-  // missing from the cache are copied from it instead of read one by one.
+  // Read-only view of the file (exclusive indexes only); pages missing from
+  // the cache are copied from it instead of read one by one.
   const uint8_t* view = nullptr;
-  uint64_t view_size = 0;
+  uint64_t view_size = 0;   // bytes mapped (may reach past the end of file)
+  uint64_t view_tried = 0;  // file length at the last mapping attempt
 
   ~NtxIndex() override;
 };
