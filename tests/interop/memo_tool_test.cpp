@@ -7,6 +7,8 @@
 #include <map>
 #include <sstream>
 
+#include <nlohmann/json.hpp>
+
 #include "support/interop.h"
 #include "support/temp_dir.h"
 
@@ -68,6 +70,39 @@ TEST(MemoTool, PrintsOneMemoRaw) {
   ProcessResult bad = RunProcess({tool, "memo", dir.File("staff.dbf"), "NAME", "1"});
   EXPECT_EQ(bad.exit_code, 1);
   EXPECT_NE(bad.err.find("-231"), std::string::npos);
+}
+
+// kestrel dump shows the text of memo fields when the memo file is there.
+TEST(MemoTool, DumpShowsMemoText) {
+  const std::string tool = KESTREL_TOOL_PATH;
+  if (tool.empty() || access(tool.c_str(), X_OK) != 0) {
+    GTEST_SKIP() << "the kestrel tool is not built";
+  }
+  TempDir dir;
+  CopyFixture("memo/staff.dbf", dir);
+  CopyFixture("memo/staff.dbt", dir);
+  auto staff = ExpectedMemos("staff.dbt.expected.tsv");
+  ProcessResult r = RunProcess({tool, "dump", "--format", "json", dir.File("staff.dbf")});
+  ASSERT_EQ(r.exit_code, 0) << r.err;
+  std::istringstream lines(r.out);
+  std::string line;
+  int checked = 0;
+  while (std::getline(lines, line)) {
+    auto j = nlohmann::json::parse(line);
+    int recno = j["recno"];
+    auto it = staff.find(recno);
+    const auto& notes = j["fields"]["NOTES"];
+    if (it == staff.end() || it->second.empty()) {
+      EXPECT_TRUE(notes.is_null()) << recno;
+      continue;
+    }
+    bool ascii = true;
+    for (unsigned char c : it->second) ascii = ascii && c < 0x80;
+    if (!ascii) continue;
+    EXPECT_EQ(notes, it->second) << recno;
+    ++checked;
+  }
+  EXPECT_GT(checked, 200);
 }
 
 }  // namespace

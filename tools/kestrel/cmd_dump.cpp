@@ -9,6 +9,7 @@
 
 #include "command.h"
 #include "kestrel/kestrel.h"
+#include "memo_text.h"
 #include "table_text.h"
 
 namespace kestrel::tool {
@@ -84,6 +85,26 @@ void RunDump(const DumpOptions& options) {
   SetUpDateStyle();
   const bool csv = options.format == "csv";
   const auto& fields = table.fields();
+  // Memo fields show their text when the table's memo file is there, else
+  // their block numbers.
+  MemoReader memos;
+  for (const DBFIELD& field : fields) {
+    if ((field.type & 0xFF) == 'M') {
+      memos.Open(options.path, table.dialect());
+      break;
+    }
+  }
+  auto value_of = [&](size_t i) {
+    FieldValue value = ReadFieldValue(table, static_cast<int>(i), options.values);
+    if ((fields[i].type & 0xFF) == 'M' && memos.is_open()) {
+      std::string text;
+      int32_t rc = memos.ReadField(table.handle(), static_cast<int32_t>(i), &text);
+      if (rc < 0) FailWithStatus("memo of field " + std::string(fields[i].name), rc);
+      value.kind = text.empty() ? FieldValue::kNull : FieldValue::kText;
+      value.text = text;
+    }
+    return value;
+  };
   std::ios::sync_with_stdio(false);
   if (csv) {
     std::cout << "recno,deleted";
@@ -97,14 +118,13 @@ void RunDump(const DumpOptions& options) {
     if (csv) {
       std::cout << recno << ',' << (deleted ? "true" : "false");
       for (size_t i = 0; i < fields.size(); ++i) {
-        std::cout << ',' << CsvValue(ReadFieldValue(table, static_cast<int>(i), options.values));
+        std::cout << ',' << CsvValue(value_of(i));
       }
       std::cout << '\n';
     } else {
       nlohmann::ordered_json values = nlohmann::ordered_json::object();
       for (size_t i = 0; i < fields.size(); ++i) {
-        values[Latin1ToUtf8(fields[i].name)] =
-            JsonValue(ReadFieldValue(table, static_cast<int>(i), options.values));
+        values[Latin1ToUtf8(fields[i].name)] = JsonValue(value_of(i));
       }
       nlohmann::ordered_json line = {{"recno", recno}, {"deleted", deleted}, {"fields", values}};
       std::cout << line.dump() << '\n';
