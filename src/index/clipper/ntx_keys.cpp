@@ -1,6 +1,8 @@
 // Key conversions: numeric keys as digit texts, dates in the yyyymmdd style,
 // binary keys as order-preserving big-endian bytes; the key of a record made
 // from the index's key expression.
+#include <charconv>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -35,6 +37,29 @@ bool RoundUp(char* text, int at, int first) {
     }
   }
   return true;
+}
+
+// The value as "%+040.17f" prints it: the sign, the digits zero-padded to 40
+// characters, exactly 17 decimals (correctly rounded).  The shortest-digits
+// conversion of the standard library produces the same digits at a fraction
+// of the cost of the formatted print, which stays for infinities, NaNs and
+// anything the conversion refuses.
+int PrintFixed17(double value, char* text, size_t size) {
+  if (!std::isfinite(value)) return std::snprintf(text, size, "%+040.17f", value);
+  char digits[400];
+  std::to_chars_result r =
+      std::to_chars(digits, digits + sizeof digits, value, std::chars_format::fixed, 17);
+  if (r.ec != std::errc()) return std::snprintf(text, size, "%+040.17f", value);
+  bool negative = digits[0] == '-';
+  const char* body = digits + (negative ? 1 : 0);
+  int length = static_cast<int>(r.ptr - body);
+  int pad = length < 39 ? 39 - length : 0;
+  if (static_cast<size_t>(1 + pad + length) >= size) return -1;
+  text[0] = negative ? '-' : '+';
+  std::memset(text + 1, '0', static_cast<size_t>(pad));
+  std::memcpy(text + 1 + pad, body, static_cast<size_t>(length));
+  text[1 + pad + length] = '\0';
+  return 1 + pad + length;
 }
 
 }  // namespace
@@ -94,7 +119,7 @@ int32_t NumericWithDecimals(const char* text, int len, int d, int key_length, in
 
 int32_t NumericToKey(double value, int key_length, int decimals, int32_t form, char* key) {
   char text[512];
-  int len = std::snprintf(text, sizeof text, "%+040.17f", value);
+  int len = PrintFixed17(value, text, sizeof text);
   if (len <= 0 || len >= static_cast<int>(sizeof text)) return DB_ERR_BAD_DATA;
   const char* point = std::strchr(text, '.');
   if (!point) return DB_ERR_BAD_DATA;
