@@ -112,9 +112,9 @@ bool BlockInFile(const DbtMemo& m, uint32_t b) {
 
 // Finds the 0x1A that ends the plain memo at pos.  With out != nullptr the
 // text is kept there (zero-terminated); *length receives its length.
-int32_t ScanPlain(DbtMemo& m, uint64_t pos, OwnedBlock* out, size_t* length, ModulePath module) {
-  OwnedBlock local;
-  OwnedBlock& buf = out ? *out : local;
+int32_t ScanPlain(DbtMemo& m, uint64_t pos, Buffer* out, size_t* length, ModulePath module) {
+  Buffer local;
+  Buffer& buf = out ? *out : local;
   const size_t max = kMaxPlainBlocks * kPlainBlockSize;
   size_t have = 0;
   size_t chunk = kPlainBlockSize;
@@ -466,7 +466,7 @@ int32_t DbtRead(DbtMemo& m, uint32_t block, uint8_t** text, size_t* length) {
   *length = 0;
   if (!BlockInFile(m, block)) return KS_FAIL(kGet, DB_ERR_SEEK);
   uint64_t pos = static_cast<uint64_t>(block) * m.block_size;
-  OwnedBlock buf;
+  Buffer buf;
   if (IsIvLayout(m)) {
     size_t n = 0;
     int32_t rc = ReadIvMemoHeader(m, block, &n, kGet);

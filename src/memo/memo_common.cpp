@@ -61,23 +61,6 @@ size_t RemoveSoftBreaks(uint8_t* text, size_t length) {
   return w;
 }
 
-bool OwnedBlock::Allocate(size_t size) {
-  void* p = MemAlloc(size);
-  if (!p) return false;
-  MemFree(data_);
-  data_ = static_cast<uint8_t*>(p);
-  size_ = size;
-  return true;
-}
-
-bool OwnedBlock::Resize(size_t size) {
-  void* p = MemRealloc(data_, size);
-  if (!p) return false;
-  data_ = static_cast<uint8_t*>(p);
-  size_ = size;
-  return true;
-}
-
 bool CopyName(Buffer& to, const char* name) {
   size_t n = std::strlen(name);
   if (!to.Allocate(n + 1)) return false;

@@ -49,35 +49,6 @@ void SoftWrap(const uint8_t* text, size_t length, int soft_length, Vec<uint8_t>&
 // Removes every 0x8D together with the byte after it; returns the new length.
 size_t RemoveSoftBreaks(uint8_t* text, size_t length);
 
-// A block from MemAlloc that is freed unless released to the caller.
-class OwnedBlock {
- public:
-  OwnedBlock() = default;
-  ~OwnedBlock() { MemFree(data_); }
-  OwnedBlock(const OwnedBlock&) = delete;
-  OwnedBlock& operator=(const OwnedBlock&) = delete;
-  bool Allocate(size_t size);
-  bool Resize(size_t size);
-  uint8_t* data() { return data_; }
-  size_t size() const { return size_; }
-  // Takes ownership of a block from MemAlloc.
-  void Adopt(uint8_t* data, size_t size) {
-    MemFree(data_);
-    data_ = data;
-    size_ = size;
-  }
-  uint8_t* Release() {
-    uint8_t* p = data_;
-    data_ = nullptr;
-    size_ = 0;
-    return p;
-  }
-
- private:
-  uint8_t* data_ = nullptr;
-  size_t size_ = 0;
-};
-
 // A zero-terminated copy of a file name in library memory; false when out
 // of memory.
 bool CopyName(Buffer& to, const char* name);

@@ -233,7 +233,7 @@ int32_t PackDbt(int32_t table, int32_t* memo_handle) {
   CheckHandle(*work_file.handle(), DB_KIND_DBT_MEMO, &work);
   Vec<Change> changes;
   rc = CollectChanges(view, changes, module, [&](uint32_t old_block, uint32_t* new_block) {
-    OwnedBlock text;
+    Buffer text;
     uint8_t* data = nullptr;
     size_t length = 0;
     int32_t r = DbtRead(*old_memo, old_block, &data, &length);

@@ -67,6 +67,19 @@ class Buffer {
   // Keeps the contents, growing with zeros; false when out of memory.
   bool Resize(size_t size);
   void Reset();
+  // Takes ownership of a block from MemAlloc.
+  void Adopt(uint8_t* data, size_t size) {
+    MemFree(data_);
+    data_ = data;
+    size_ = size;
+  }
+  // Hands the block to the caller, who frees it with MemFree.
+  uint8_t* Release() {
+    uint8_t* p = data_;
+    data_ = nullptr;
+    size_ = 0;
+    return p;
+  }
 
   uint8_t* data() { return data_; }
   const uint8_t* data() const { return data_; }
