@@ -64,6 +64,36 @@ uint64_t PrefixWord(const uint8_t* key, int from, int length) {
   return p;
 }
 
+inline unsigned DigitOf(const SortKey& k, int d) {
+  return d < 8 ? static_cast<unsigned>(k.high >> (56 - 8 * d)) & 0xFF
+               : static_cast<unsigned>(k.low >> (56 - 8 * (d - 8))) & 0xFF;
+}
+
+// Sorts n keys: distributes them by prefix byte d (skipping bytes they all
+// share) and sorts each bucket the same way by the next byte, small buckets
+// with the comparison.  The comparison orders keys with equal prefixes, so
+// the result is the one a comparison sort gives.
+template <class Before>
+void BucketSort(SortKey* keys, SortKey* spare, size_t n, int d, const Before& before) {
+  constexpr size_t kSmall = 64;
+  for (; d < 16 && n > kSmall; ++d) {
+    size_t start[257] = {};
+    for (size_t i = 0; i < n; ++i) ++start[DigitOf(keys[i], d) + 1];
+    if (start[DigitOf(keys[0], d) + 1] == n) continue;  // one value at this byte
+    for (int b = 0; b < 256; ++b) start[b + 1] += start[b];
+    size_t fill[256];
+    std::memcpy(fill, start, sizeof fill);
+    for (size_t i = 0; i < n; ++i) spare[fill[DigitOf(keys[i], d)]++] = keys[i];
+    std::memcpy(keys, spare, n * sizeof(SortKey));
+    for (int b = 0; b < 256; ++b) {
+      size_t count = start[b + 1] - start[b];
+      if (count > 1) BucketSort(keys + start[b], spare + start[b], count, d + 1, before);
+    }
+    return;
+  }
+  std::sort(keys, keys + n, before);
+}
+
 void SortRun(const Layout& l, const uint8_t* entries, uint32_t n, Vec<SortKey>* order) {
   order->resize(n);
   for (uint32_t i = 0; i < n; ++i) {
@@ -77,11 +107,13 @@ void SortRun(const Layout& l, const uint8_t* entries, uint32_t n, Vec<SortKey>* 
     (*order)[i] = SortKey{high, low, i};
   }
   const size_t size = l.entry_size;
-  std::sort(order->begin(), order->end(), [&](const SortKey& a, const SortKey& b) {
+  auto before = [&](const SortKey& a, const SortKey& b) {
     if (a.high != b.high) return a.high < b.high;
     if (a.low != b.low) return a.low < b.low;
     return CompareEntries(l, entries + a.index * size, entries + b.index * size) < 0;
-  });
+  };
+  Vec<SortKey> spare(n);
+  BucketSort(order->data(), spare.data(), n, 0, before);
 }
 
 // Temporary sort files, removed when the build ends however it ends.
