@@ -86,14 +86,27 @@ bool AllocateCache(TableControl* t, int32_t capacity) {
   return true;
 }
 
+// Below a few pages a view saves nothing.
+constexpr uint64_t kMinViewBytes = 4 * 4096;
+
 void MapView(TableControl* t) {
   UnmapView(t);
   uint64_t size = 0;
   if (t->Shared() || !t->Buffered() || FileSize(t->file, &size) < 0) return;
-  // Below a few pages a view saves nothing.
-  if (size < 4 * 4096) return;
+  if (size < kMinViewBytes) return;
   FileMapView(t->file, size, &t->view);
   if (t->view) t->view_size = size;
+}
+
+// A table that has grown well past its view since it was mapped (appends)
+// is mapped again, so that reading what it appended needs no system calls
+// either.  Growth by a quarter at least keeps the remaps few.
+void GrowView(TableControl* t, uint64_t needed) {
+  if (t->Shared() || !t->Buffered()) return;
+  uint64_t size = 0;
+  if (FileSize(t->file, &size) < 0 || size < needed) return;
+  if (size < kMinViewBytes || size < t->view_size + t->view_size / 4) return;
+  MapView(t);
 }
 
 void UnmapView(TableControl* t) {
@@ -143,6 +156,7 @@ int32_t LoadWindow(TableControl* t, uint32_t n) {
   ResetCache(t);
   size_t bytes = static_cast<size_t>(records) * length;
   int32_t rc = 0;
+  if (at + bytes > t->view_size) GrowView(t, at + bytes);
   if (t->view && at + bytes <= t->view_size) {
     // The view shows the file as it is now, the library's own writes included.
     std::memcpy(t->cache, t->view + at, bytes);
