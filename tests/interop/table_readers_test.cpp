@@ -315,15 +315,15 @@ TEST(TableReadersBinaryTest, PerlXBaseSeesBinaryFieldDefinitions) {
                {"SSHORT", DB_FTYPE_SHORT, 2}};
   std::vector<DBFIELD> fields;
   Json model = {{"fields", Json::array()}, {"records", Json::array()}};
-  for (const auto& spec : specs) {
+  for (const auto& column : specs) {
     DBFIELD f{};
-    std::snprintf(f.name, sizeof f.name, "%s", spec.name);
-    f.type = spec.code;
-    f.length = spec.code == 'C' ? spec.length : 1;  // the engine forces binary lengths
+    std::snprintf(f.name, sizeof f.name, "%s", column.name);
+    f.type = column.code;
+    f.length = column.code == 'C' ? column.length : 1;  // the engine forces binary lengths
     fields.push_back(f);
-    model["fields"].push_back({{"name", spec.name},
-                               {"type", std::string(1, static_cast<char>(spec.code))},
-                               {"length", spec.length},
+    model["fields"].push_back({{"name", column.name},
+                               {"type", std::string(1, static_cast<char>(column.code))},
+                               {"length", column.length},
                                {"decimals", 0}});
   }
   ASSERT_EQ(DBCreateFile(path.c_str(), static_cast<int32_t>(fields.size()), fields.data(), 1), 0);

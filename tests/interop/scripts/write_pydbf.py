@@ -22,20 +22,20 @@ DELETED = {2, 4}
 
 def main():
     path, kind = sys.argv[1], sys.argv[2]
-    spec = 'NAME C(12); AMOUNT N(10,2); QTY N(6,0); DAY D; OK L'
+    layout = 'NAME C(12); AMOUNT N(10,2); QTY N(6,0); DAY D; OK L'
     names = ['NAME', 'AMOUNT', 'QTY', 'DAY', 'OK']
     types = ['C', 'N', 'N', 'D', 'L']
     lengths = [12, 10, 6, 8, 1]
     decimals = [0, 2, 0, 0, 0]
     columns = [0, 1, 2, 3, 4]
     if kind == 'fp':
-        spec += '; RATE F(10,3)'
+        layout += '; RATE F(10,3)'
         names.append('RATE'); types.append('F'); lengths.append(10); decimals.append(3)
         columns.append(5)
-    spec += '; NOTE M'
+    layout += '; NOTE M'
     names.append('NOTE'); types.append('M'); lengths.append(10); decimals.append(0)
     columns.append(6)
-    table = dbf.Table(path, spec, dbf_type=kind, codepage='cp1252')
+    table = dbf.Table(path, layout, dbf_type=kind, codepage='cp1252')
     table.open(dbf.READ_WRITE)
     records = []
     for i, row in enumerate(ROWS):
