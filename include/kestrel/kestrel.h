@@ -15,11 +15,11 @@
 #ifndef KESTREL_KESTREL_H
 #define KESTREL_KESTREL_H
 
-#include "kestrel/kestrel_frame.h"
 #include "kestrel/kestrel_datetime.h"
-#include "kestrel/kestrel_table.h"
 #include "kestrel/kestrel_expr.h"
+#include "kestrel/kestrel_frame.h"
 #include "kestrel/kestrel_memo.h"
 #include "kestrel/kestrel_ntx.h"
+#include "kestrel/kestrel_table.h"
 
 #endif

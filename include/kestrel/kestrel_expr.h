@@ -20,13 +20,13 @@ KESTREL_EXTERN_C_BEGIN
 /* A typed evaluation result.  The value buffer comes from DBAllocateMemory and
  * belongs to the receiver, who frees it with DBFreeMemory. */
 typedef struct DBEXPRVALUE {
-  void *value;    /* the value buffer */
+  void* value;    /* the value buffer */
   int16_t type;   /* type code: 'C', 'D', 'N', 'F', 'L', 'M' or 1..6 */
   int16_t length; /* text length for 'C' and 'D', buffer size otherwise */
 } DBEXPRVALUE;
 
 /* A user keyword's evaluator: receives the current-value record to fill. */
-typedef int32_t (*ParseEntryCallback)(DBEXPRVALUE *current);
+typedef int32_t (*ParseEntryCallback)(DBEXPRVALUE* current);
 
 /* ---- Evaluation ----------------------------------------------------------
  * Evaluates expression against the current record of table.  The text is
@@ -35,7 +35,7 @@ typedef int32_t (*ParseEntryCallback)(DBEXPRVALUE *current);
  * frees; on failure it is NULL.  Returns 0 or a negative code (-207 for a bad
  * expression, -213 for a bad table handle, -221 for a NULL argument, -203
  * when memory runs out). */
-KESTREL_API int32_t DBEvaluateStr(int32_t table, char *expression, DBEXPRVALUE *result);
+KESTREL_API int32_t DBEvaluateStr(int32_t table, char* expression, DBEXPRVALUE* result);
 
 /* For keyword callbacks only, while an evaluation is running: evaluates one
  * expression at the parse position (an argument, up to the next "," or ")")
@@ -45,22 +45,22 @@ KESTREL_API int32_t DBProcessTable(void);
 /* For keyword callbacks only: steps over the separator at the parse position
  * and reads one unsigned decimal argument up to the next "," or ")".  -207
  * when there is no such delimiter or the argument is empty. */
-KESTREL_API int32_t DBGetValue(uint16_t *number);
+KESTREL_API int32_t DBGetValue(uint16_t* number);
 
 /* ---- User keywords --------------------------------------------------------
  * Names are matched against the upper-cased, blank-free text as prefixes, so
  * register them in upper case; a name may end with its own "(", in which case
  * the evaluator steps over the closing ")" after the callback returns. */
 /* 211 when the name (or a registered prefix of it) is present already. */
-KESTREL_API int32_t DBAddParseEntry(const char *name, ParseEntryCallback callback);
+KESTREL_API int32_t DBAddParseEntry(const char* name, ParseEntryCallback callback);
 /* 204 when no keyword of exactly that name is registered. */
-KESTREL_API int32_t DBDeleteParseEntry(const char *name);
+KESTREL_API int32_t DBDeleteParseEntry(const char* name);
 /* Copies the name of keyword index (0-based, sorted order) and a terminating
  * zero into buffer; 203 when index is not below the count. */
-KESTREL_API int32_t DBGetEntryStr(char *buffer, int32_t index);
+KESTREL_API int32_t DBGetEntryStr(char* buffer, int32_t index);
 /* The number of keywords and the longest name's length; 202 (maxLength not
  * written) when there is none. */
-KESTREL_API int32_t DBGetTableInfo(int16_t *count, int32_t *maxLength);
+KESTREL_API int32_t DBGetTableInfo(int16_t* count, int32_t* maxLength);
 
 KESTREL_EXTERN_C_END
 

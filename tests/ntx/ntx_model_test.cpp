@@ -294,7 +294,8 @@ INSTANTIATE_TEST_SUITE_P(
                       Config{"desc10", 'C', 10, DB_CL_DESCENDING, 400, 15000},
                       Config{"descunique50", 'C', 50, DB_CL_DESCENDING | DB_CL_UNIQUE, 2000, 4000},
                       Config{"wide254", 'C', 254, 0, 300, 8000},
-                      Config{"narrow1", 'C', 1, 0, 10, 3000}, Config{"long4", 4, 4, 0, 5000, 15000}),
+                      Config{"narrow1", 'C', 1, 0, 10, 3000},
+                      Config{"long4", 4, 4, 0, 5000, 15000}),
     [](const ::testing::TestParamInfo<Config>& info) { return std::string(info.param.name); });
 
 }  // namespace

@@ -33,7 +33,8 @@ std::vector<uint8_t> ReadFileBytes(const std::string& path) {
 
 void WriteFileBytes(const std::string& path, const std::vector<uint8_t>& bytes) {
   std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+  out.write(reinterpret_cast<const char*>(bytes.data()),
+            static_cast<std::streamsize>(bytes.size()));
 }
 
 std::string ReadFileText(const std::string& path) {
@@ -45,8 +46,9 @@ std::string CopyFixture(const std::string& relative, const TempDir& dir, const s
   std::filesystem::path src = std::filesystem::path(KESTREL_TEST_FIXTURES) / relative;
   std::string dest = dir.File(as.empty() ? src.filename().string() : as);
   std::filesystem::copy_file(src, dest, std::filesystem::copy_options::overwrite_existing);
-  std::filesystem::permissions(dest, std::filesystem::perms::owner_read | std::filesystem::perms::owner_write,
-                               std::filesystem::perm_options::add);
+  std::filesystem::permissions(
+      dest, std::filesystem::perms::owner_read | std::filesystem::perms::owner_write,
+      std::filesystem::perm_options::add);
   return dest;
 }
 

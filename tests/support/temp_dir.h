@@ -26,6 +26,7 @@ std::vector<uint8_t> ReadFileBytes(const std::string& path);
 void WriteFileBytes(const std::string& path, const std::vector<uint8_t>& bytes);
 std::string ReadFileText(const std::string& path);
 // Copies a file from tests/fixtures (relative path) into dir; returns the new path.
-std::string CopyFixture(const std::string& relative, const TempDir& dir, const std::string& as = "");
+std::string CopyFixture(const std::string& relative, const TempDir& dir,
+                        const std::string& as = "");
 
 }  // namespace kestrel::test

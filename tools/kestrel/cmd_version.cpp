@@ -6,13 +6,14 @@
 
 namespace {
 
-kestrel::tool::CommandRegistration reg{"version", [](CLI::App& app) {
-  auto* cmd = app.add_subcommand("version", "Print the library version");
-  cmd->callback([] {
-    char text[32] = {};
-    DBGetVersion(text);
-    std::cout << "kestrel " << KESTREL_TOOL_VERSION << " (engine " << text << ")\n";
-  });
-}};
+kestrel::tool::CommandRegistration reg{
+    "version", [](CLI::App& app) {
+      auto* cmd = app.add_subcommand("version", "Print the library version");
+      cmd->callback([] {
+        char text[32] = {};
+        DBGetVersion(text);
+        std::cout << "kestrel " << KESTREL_TOOL_VERSION << " (engine " << text << ")\n";
+      });
+    }};
 
 }  // namespace
