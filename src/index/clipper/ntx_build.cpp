@@ -453,6 +453,21 @@ int32_t BuildIndex(int32_t table, const char* file_name, int32_t key_type, char*
   uint64_t in_run = 0;
   int32_t status = 0;
   char key[kMaxKeyLength + 1];
+  // A key that is one character field on its own (no user keywords that
+  // could claim the name) is read straight into a buffer kept for the whole
+  // build: the same text the evaluator would hand out, without parsing the
+  // expression and allocating a value for every record.
+  int32_t direct_field = -1;
+  Buffer field_text;
+  if (State().parse_entries.count == 0 && std::strpbrk(k.expression, "+-(),") == nullptr) {
+    DBFIELD d{};
+    int32_t f = -1;
+    if (DBGetFieldNumber(table, &f, k.expression) >= 0 &&
+        DBGetFieldDescription(table, f, &d) >= 0 && (d.type & 0xFF) == 'C' && d.length > 0 &&
+        field_text.Allocate(d.length + 1u)) {
+      direct_field = f;
+    }
+  }
   for (int32_t recno = 1; recno <= records && rc >= 0; ++recno) {
     SetErrorCode(0);
     rc = DBGetRecord(table, recno);
@@ -461,13 +476,22 @@ int32_t BuildIndex(int32_t table, const char* file_name, int32_t key_type, char*
       break;
     }
     DBEXPRVALUE v{};
-    rc = EvaluateKeyExpression(table, k.expression, &v);
+    if (direct_field >= 0) {
+      char* text = reinterpret_cast<char*>(field_text.data());
+      rc = DBGetFieldData(table, direct_field, text);
+      text[field_text.size() - 1] = '\0';
+      v.value = text;
+      v.type = 'C';
+      v.length = static_cast<int16_t>(strnlen(text, field_text.size() - 1));
+    } else {
+      rc = EvaluateKeyExpression(table, k.expression, &v);
+    }
     if (rc < 0) {
       rc = KS_PASS(kBuild, rc);
       break;
     }
     rc = ValueToKey(ix, v, key, kBuild);
-    MemFree(v.value);
+    if (direct_field < 0) MemFree(v.value);
     if (rc < 0) break;
     if (rc > 0) status = rc;
     uint8_t* e = run.data() + in_run * l.entry_size;
