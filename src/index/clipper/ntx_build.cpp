@@ -72,11 +72,15 @@ inline unsigned DigitOf(const SortKey& k, int d) {
 // Sorts n keys: distributes them by prefix byte d (skipping bytes they all
 // share) and sorts each bucket the same way by the next byte, small buckets
 // with the comparison.  The comparison orders keys with equal prefixes, so
-// the result is the one a comparison sort gives.
+// the result is the one a comparison sort gives.  Distributing keeps the
+// order of keys within a bucket, which is entry order: a bucket whose keys
+// lie wholly in the prefix (bytes up to limit) and agree on all of them is
+// already in key-then-record order.
 template <class Before>
-void BucketSort(SortKey* keys, SortKey* spare, size_t n, int d, const Before& before) {
+void BucketSort(SortKey* keys, SortKey* spare, size_t n, int d, int limit, bool covered,
+                const Before& before) {
   constexpr size_t kSmall = 64;
-  for (; d < 16 && n > kSmall; ++d) {
+  for (; d < limit && n > kSmall; ++d) {
     size_t start[257] = {};
     for (size_t i = 0; i < n; ++i) ++start[DigitOf(keys[i], d) + 1];
     if (start[DigitOf(keys[0], d) + 1] == n) continue;  // one value at this byte
@@ -87,13 +91,17 @@ void BucketSort(SortKey* keys, SortKey* spare, size_t n, int d, const Before& be
     std::memcpy(keys, spare, n * sizeof(SortKey));
     for (int b = 0; b < 256; ++b) {
       size_t count = start[b + 1] - start[b];
-      if (count > 1) BucketSort(keys + start[b], spare + start[b], count, d + 1, before);
+      if (count > 1) {
+        BucketSort(keys + start[b], spare + start[b], count, d + 1, limit, covered, before);
+      }
     }
     return;
   }
+  if (d >= limit && covered) return;
   std::sort(keys, keys + n, before);
 }
 
+// Sorts the n entries of a run (in record order) by key, then record.
 void SortRun(const Layout& l, const uint8_t* entries, uint32_t n, Vec<SortKey>* order) {
   order->resize(n);
   for (uint32_t i = 0; i < n; ++i) {
@@ -107,13 +115,18 @@ void SortRun(const Layout& l, const uint8_t* entries, uint32_t n, Vec<SortKey>* 
     (*order)[i] = SortKey{high, low, i};
   }
   const size_t size = l.entry_size;
+  // Keys of up to 16 bytes are all in the prefix: equal prefixes are equal
+  // keys, and entry order is record order.
+  const bool covered = l.key_length <= 16;
   auto before = [&](const SortKey& a, const SortKey& b) {
     if (a.high != b.high) return a.high < b.high;
     if (a.low != b.low) return a.low < b.low;
+    if (covered) return a.index < b.index;
     return CompareEntries(l, entries + a.index * size, entries + b.index * size) < 0;
   };
   Vec<SortKey> spare(n);
-  BucketSort(order->data(), spare.data(), n, 0, before);
+  int limit = l.key_length < 16 ? l.key_length : 16;
+  BucketSort(order->data(), spare.data(), n, 0, limit, covered, before);
 }
 
 // Temporary sort files, removed when the build ends however it ends.
@@ -453,21 +466,57 @@ int32_t BuildIndex(int32_t table, const char* file_name, int32_t key_type, char*
   uint64_t in_run = 0;
   int32_t status = 0;
   char key[kMaxKeyLength + 1];
-  // A key that is one character field on its own (no user keywords that
-  // could claim the name) is read straight into a buffer kept for the whole
-  // build: the same text the evaluator would hand out, without parsing the
-  // expression and allocating a value for every record.
+  // A key that is one character or numeric field on its own (no user
+  // keywords that could claim the name) is read straight from the record
+  // into a buffer kept for the whole build: the same key the evaluator's
+  // value would give, without parsing the expression and allocating a value
+  // for every record.  Numbers are keyed from their stored digits where that
+  // is exact; other texts take the evaluator's way.
   int32_t direct_field = -1;
+  int direct_type = 0;
   Buffer field_text;
   if (State().parse_entries.count == 0 && std::strpbrk(k.expression, "+-(),") == nullptr) {
     DBFIELD d{};
     int32_t f = -1;
     if (DBGetFieldNumber(table, &f, k.expression) >= 0 &&
-        DBGetFieldDescription(table, f, &d) >= 0 && (d.type & 0xFF) == 'C' && d.length > 0 &&
-        field_text.Allocate(d.length + 1u)) {
-      direct_field = f;
+        DBGetFieldDescription(table, f, &d) >= 0 && d.length > 0) {
+      int type = d.type & 0xFF;
+      bool usable = type == 'C' || ((type == 'N' || type == 'F') && k.binary_type == 0);
+      if (usable && field_text.Allocate(d.length + 1u)) {
+        direct_field = f;
+        direct_type = type;
+      }
     }
   }
+  char* text = reinterpret_cast<char*>(field_text.data());
+  int text_length = static_cast<int>(field_text.size()) - 1;
+  // The current record's key into key: 0, a warning (> 0) or an error.
+  auto record_key = [&]() -> int32_t {
+    if (direct_type == 'N' || direct_type == 'F') {
+      int32_t made = 0;
+      int32_t got = DBGetFieldBinary(table, direct_field, text);
+      if (got < 0) return KS_PASS(kBuild, got);
+      if (NumericTextToKey(text, text_length, l.key_length, k.decimals, ix->numeric_form, key,
+                           &made)) {
+        return made;
+      }
+    }
+    DBEXPRVALUE v{};
+    int32_t got = 0;
+    if (direct_type == 'C') {
+      got = DBGetFieldData(table, direct_field, text);
+      text[text_length] = '\0';
+      v.value = text;
+      v.type = 'C';
+      v.length = static_cast<int16_t>(strnlen(text, text_length));
+    } else {
+      got = EvaluateKeyExpression(table, k.expression, &v);
+    }
+    if (got < 0) return KS_PASS(kBuild, got);
+    got = ValueToKey(ix, v, key, kBuild);
+    if (direct_type != 'C') MemFree(v.value);
+    return got;
+  };
   for (int32_t recno = 1; recno <= records && rc >= 0; ++recno) {
     SetErrorCode(0);
     rc = DBGetRecord(table, recno);
@@ -475,23 +524,7 @@ int32_t BuildIndex(int32_t table, const char* file_name, int32_t key_type, char*
       rc = KS_PASS(kBuild, rc);
       break;
     }
-    DBEXPRVALUE v{};
-    if (direct_field >= 0) {
-      char* text = reinterpret_cast<char*>(field_text.data());
-      rc = DBGetFieldData(table, direct_field, text);
-      text[field_text.size() - 1] = '\0';
-      v.value = text;
-      v.type = 'C';
-      v.length = static_cast<int16_t>(strnlen(text, field_text.size() - 1));
-    } else {
-      rc = EvaluateKeyExpression(table, k.expression, &v);
-    }
-    if (rc < 0) {
-      rc = KS_PASS(kBuild, rc);
-      break;
-    }
-    rc = ValueToKey(ix, v, key, kBuild);
-    if (direct_field < 0) MemFree(v.value);
+    rc = record_key();
     if (rc < 0) break;
     if (rc > 0) status = rc;
     uint8_t* e = run.data() + in_run * l.entry_size;

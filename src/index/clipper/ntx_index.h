@@ -167,6 +167,11 @@ int32_t DeleteKey(NtxIndex* ix, const char* key, uint32_t record);
 // ---- keys (ntx_keys.cpp) ----
 // Numeric key text of key_length characters.
 int32_t NumericToKey(double value, int key_length, int decimals, int32_t form, char* key);
+// The same key made from a number's stored text without going through a
+// double, for the texts where that gives identical bytes; false (nothing
+// written) for the rest, which NumericToKey handles.
+bool NumericTextToKey(const char* text, int length, int key_length, int decimals, int32_t form,
+                      char* key, int32_t* status);
 double KeyToNumeric(const char* key);
 void BinaryToKey(int type, const void* value, uint8_t* key);
 void KeyToBinary(int type, const uint8_t* key, void* value);

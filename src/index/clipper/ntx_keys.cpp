@@ -153,6 +153,78 @@ int32_t NumericToKey(double value, int key_length, int decimals, int32_t form, c
   return status;
 }
 
+bool NumericTextToKey(const char* text, int length, int key_length, int decimals, int32_t form,
+                      char* key, int32_t* status) {
+  // The stored text: blanks, an optional minus, digits with at most one
+  // point, blanks.  Anything else (exponents, a plus, garbage, a blank field)
+  // is left to the double conversion.
+  if (length > 64 || key_length < 1 || key_length > 21 || decimals < 0 || decimals > 9) {
+    return false;
+  }
+  int at = 0;
+  while (at < length && text[at] == ' ') ++at;
+  bool minus = at < length && text[at] == '-';
+  if (minus) ++at;
+  int int_first = at;
+  while (at < length && text[at] >= '0' && text[at] <= '9') ++at;
+  int int_end = at;
+  int frac_first = at, frac_end = at;
+  if (at < length && text[at] == '.') {
+    frac_first = ++at;
+    while (at < length && text[at] >= '0' && text[at] <= '9') ++at;
+    frac_end = at;
+  }
+  while (at < length && text[at] == ' ') ++at;
+  if (at != length || (int_end == int_first && frac_end == frac_first)) return false;
+  while (int_first < int_end && text[int_first] == '0') ++int_first;
+  while (frac_end > frac_first && text[frac_end - 1] == '0') --frac_end;
+  int int_digits = int_end - int_first;
+  int frac_digits = frac_end - frac_first;
+  if (int_digits == 0 && frac_digits == 0 && minus) return false;  // -0 keeps its sign
+
+  // The double nearest the text differs from it by less than one part in
+  // 2^53.  The conversion through the double rounds at the digit `decider`
+  // places after the point; when the text has no digits from there on and
+  // its integer part is at most 14 - decider digits long, the double's
+  // digits there are all zeros or all nines, and rounding gives back exactly
+  // the text's digits.  So the key is the text's own digits.
+  int decider = form == kNumericWithDecimals ? decimals + 1 : (decimals == 0 ? 1 : decimals + 2);
+  if (frac_digits >= decider || int_digits > 14 - decider) return false;
+
+  *status = 0;
+  if (form == kNumericWithDecimals) {
+    int width = decimals > 0 ? key_length - decimals - 1 : key_length;  // integer places
+    if (width < 0) return false;
+    if (int_digits > width) {
+      std::memset(key, '*', key_length);
+      key[key_length] = '\0';
+      *status = DB_WARN_ROUNDED;
+      return true;
+    }
+    int pad = width - int_digits;
+    std::memset(key, '0', pad);
+    std::memcpy(key + pad, text + int_first, int_digits);
+    if (decimals > 0) {
+      key[width] = '.';
+      std::memset(key + width + 1, '0', decimals);
+      std::memcpy(key + width + 1, text + frac_first, frac_digits);
+    }
+  } else {
+    // The key's integer places only: the last key_length integer digits.
+    int take = int_digits < key_length ? int_digits : key_length;
+    int pad = key_length - take;
+    std::memset(key, '0', pad);
+    std::memcpy(key + pad, text + int_end - take, take);
+  }
+  if (minus) {
+    for (int i = 0; i < key_length; ++i) {
+      if (key[i] != '.') key[i] = Complement92(key[i]);
+    }
+  }
+  key[key_length] = '\0';
+  return true;
+}
+
 double KeyToNumeric(const char* key) {
   char text[300];
   size_t n = strnlen(key, sizeof text - 2);
