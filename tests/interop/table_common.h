@@ -67,6 +67,8 @@ inline std::vector<std::string> ReaderCommand(Checker checker, const std::string
       return {kPython, InteropScript("read_pydbf.py"), table};
     case Checker::kPerlXBase:
       return {kPerl, InteropScript("read_xbase.pl"), table};
+    case Checker::kXbase64:
+      break;  // a reader of index files only
   }
   return {};
 }

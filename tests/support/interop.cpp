@@ -98,6 +98,8 @@ const char* CheckerName(Checker checker) {
       return "python3-dbf";
     case Checker::kPerlXBase:
       return "Perl XBase (libdbd-xbase-perl)";
+    case Checker::kXbase64:
+      return "Xbase64 (libxbase64-1:i386, built as ntx_walk_xbase64)";
   }
   return "?";
 }
@@ -116,6 +118,9 @@ bool CheckerAvailable(Checker checker) {
       break;
     case Checker::kPerlXBase:
       r = RunProcess({kPerl, "-MXBase", "-e", "1"}, 60);
+      break;
+    case Checker::kXbase64:
+      if (kXbase64Walker[0] != '\0') r = RunProcess({kXbase64Walker, "probe"}, 60);
       break;
   }
   bool ok = r.exit_code == 0;

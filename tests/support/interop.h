@@ -19,10 +19,11 @@ struct ProcessResult {
 ProcessResult RunProcess(const std::vector<std::string>& argv, int timeout_seconds = 120);
 
 // The independent readers the interop tests use.
-enum class Checker { kDbfread, kPythonDbf, kPerlXBase };
+enum class Checker { kDbfread, kPythonDbf, kPerlXBase, kXbase64 };
 const char* CheckerName(Checker checker);
 
-// True when the checker's interpreter and module load (probed once per process).
+// True when the checker's interpreter and module load, or its program was
+// built and runs (probed once per process).
 bool CheckerAvailable(Checker checker);
 
 // True when the environment variable CI is set to something other than
@@ -31,6 +32,10 @@ bool RunningUnderCi();
 
 // Path of a checker script in tests/interop/scripts.
 std::string InteropScript(const std::string& name);
+
+// The Xbase64 reader of .NTX files (tests/interop/xbase64), "" when it was
+// not built.
+inline constexpr const char* kXbase64Walker = KESTREL_XBASE64_WALK_PATH;
 
 // The interpreters the checkers are run with (the system ones, which carry
 // the Debian packages).
