@@ -55,32 +55,17 @@ TEST_F(MemoryTest, SetLockCountKeepsTheOldBufferOnShortage) {
   State().lock_count = 0;
 }
 
-TEST_F(MemoryTest, AllocateIsZeroFilledAndLeavesTheCode) {
-  void* p = reinterpret_cast<void*>(1);
-  DBSetErrorCode(-206);
-  ASSERT_EQ(DBAllocateMemory(&p, 100), 0);
-  EXPECT_EQ(DBGetErrorCode(), -206);
-  const char zeros[100] = {};
-  EXPECT_EQ(std::memcmp(p, zeros, 100), 0);
-  EXPECT_EQ(DBFreeMemory(p), 0);
-  EXPECT_EQ(DBFreeMemory(nullptr), 0);
-  EXPECT_EQ(DBAllocateMemory(nullptr, 10), -221);
-  FailAllocation(1);
-  p = reinterpret_cast<void*>(1);
-  EXPECT_EQ(DBAllocateMemory(&p, 10), -203);
-  EXPECT_EQ(p, nullptr);
-}
-
-TEST_F(MemoryTest, ReAllocateKeepsContentsAndTheOldBlockOnFailure) {
+TEST_F(MemoryTest, AllocateAndReAllocateZeroFillAndKeepTheOldBlockOnFailure) {
   void* p = nullptr;
+  DBSetErrorCode(-206);
   ASSERT_EQ(DBReAllocateMemory(&p, 8), 0);  // null pointer: a new block
+  EXPECT_EQ(DBGetErrorCode(), -206);        // success leaves the code
   std::memcpy(p, "ABCDEFGH", 8);
   const long live = LiveAllocations();
   void* old = p;
   FailAllocation(1);
   EXPECT_EQ(DBReAllocateMemory(&p, 1 << 20), -203);
   EXPECT_EQ(p, old);
-  EXPECT_EQ(std::memcmp(p, "ABCDEFGH", 8), 0);
   EXPECT_EQ(LiveAllocations(), live);
   ASSERT_EQ(DBReAllocateMemory(&p, 4096), 0);
   EXPECT_EQ(std::memcmp(p, "ABCDEFGH", 8), 0);
@@ -88,12 +73,21 @@ TEST_F(MemoryTest, ReAllocateKeepsContentsAndTheOldBlockOnFailure) {
   EXPECT_EQ(std::memcmp(static_cast<char*>(p) + 8, zeros, sizeof zeros), 0);
   ASSERT_EQ(DBReAllocateMemory(&p, 4), 0);
   EXPECT_EQ(std::memcmp(p, "ABCD", 4), 0);
-  EXPECT_EQ(DBReAllocateMemory(nullptr, 4), -221);
   DBFreeMemory(p);
+  EXPECT_EQ(DBFreeMemory(nullptr), 0);
   EXPECT_EQ(LiveAllocations(), live - 1);
+
+  void* q = nullptr;
+  ASSERT_EQ(DBAllocateMemory(&q, 4000), 0);
+  EXPECT_EQ(std::memcmp(q, zeros, 4000), 0);
+  DBFreeMemory(q);
+  q = reinterpret_cast<void*>(1);
+  FailAllocation(1);
+  EXPECT_EQ(DBAllocateMemory(&q, 10), -203);
+  EXPECT_EQ(q, nullptr);
 }
 
-TEST_F(MemoryTest, ContainerShortageBecomesStatusAtTheBoundary) {
+TEST_F(MemoryTest, ContainerAndBufferShortages) {
   const long live = LiveAllocations();
   int32_t rc = Guarded([&]() -> int32_t {
     Vec<int> numbers;
@@ -106,9 +100,8 @@ TEST_F(MemoryTest, ContainerShortageBecomesStatusAtTheBoundary) {
   EXPECT_EQ(DBGetErrorCode(), -203);
   EXPECT_EQ(LiveAllocations(), live);
   EXPECT_EQ(Guarded([]() -> int32_t { throw 1; }), -212);
-}
 
-TEST_F(MemoryTest, BufferKeepsItsContentsWhenGrowingFails) {
+  // A buffer keeps its contents when growing fails.
   Buffer b;
   ASSERT_TRUE(b.Allocate(4));
   std::memcpy(b.data(), "wxyz", 4);

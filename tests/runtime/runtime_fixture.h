@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
+
 #include "kestrel/kestrel.h"
 #include "runtime/library_state.h"
 #include "runtime/memory.h"
@@ -21,6 +23,12 @@ class RuntimeTest : public ::testing::Test {
     kestrel::testing::FailAllocation(0);
     DBTerminate();
     DBErrorLog(0, nullptr);
+  }
+  // A status and the number a call wrote, as "status number"; the number is
+  // bound by reference, so it is read after the call.
+  template <class T>
+  static std::string R(int32_t rc, const T& value) {
+    return std::to_string(rc) + " " + std::to_string(value);
   }
 };
 
