@@ -6,8 +6,9 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <sstream>
 #include <string>
-#include <vector>
 
 #include "kestrel/kestrel.h"
 #include "runtime/memory.h"
@@ -32,23 +33,29 @@ class DateTimeTest : public ::testing::Test {
     EXPECT_EQ(chdir(saved_), 0);
   }
 
-  // The log records written so far.
-  std::vector<std::string> LogLines() const {
-    std::vector<std::string> lines;
-    if (access(dir_.File("dates.log").c_str(), F_OK) != 0) return lines;
-    const std::string text = ReadFileText(dir_.File("dates.log"));
-    size_t start = 0;
-    for (size_t nl; (nl = text.find('\n', start)) != std::string::npos; start = nl + 1) {
-      lines.push_back(text.substr(start, nl - start));
-    }
-    return lines;
+  // A status and the value a call wrote, as "status value"; bind the value
+  // by reference so that it is read after the call.
+  template <class T>
+  static std::string R(int32_t rc, const T& value) {
+    std::ostringstream out;
+    out << rc << ' ' << value;
+    return out.str();
   }
-  size_t LogCount() const { return LogLines().size(); }
-  // The module path of the last record ("..\C_ALL\DATE"), or "" if none.
+
+  std::string Log() const {
+    return access("dates.log", F_OK) == 0 ? ReadFileText(dir_.File("dates.log")) : "";
+  }
+  // The number of log records written so far.
+  size_t LogCount() const {
+    const std::string log = Log();
+    return static_cast<size_t>(std::count(log.begin(), log.end(), '\n'));
+  }
+  // The module path of the last record ("..\C_ALL\DATE"), or "".
   std::string LastLoggedModule() const {
-    auto lines = LogLines();
-    if (lines.empty()) return "";
-    return lines.back().substr(0, lines.back().find('\t'));
+    const std::string log = Log();
+    if (log.empty()) return "";
+    const size_t start = log.rfind('\n', log.size() - 2) + 1;  // npos + 1 is 0
+    return log.substr(start, log.find('\t', start) - start);
   }
 
   TempDir dir_;

@@ -11,81 +11,79 @@ namespace {
 
 using NullPointerTest = DateTimeTest;
 
-TEST_F(NullPointerTest, EveryStatusCallAnswersMinus221) {
+struct Call {
+  const char* text;
+  std::function<int32_t()> run;
+};
+#define CALL(expression)                    \
+  Call {                                    \
+#expression, [&] { return expression; } \
+  }
+
+TEST_F(NullPointerTest, EveryStatusCallAnswersMinus221AndLogsItsModule) {
   int32_t a = 0, b = 0, c = 0, d = 0;
   char buf[DB_DATE_NAME_SIZE];
   const char* date = "01/01/2003";
   const char* time = "12:00:00";
-  struct Call {
-    const char* name;
-    std::function<int32_t()> run;
-    const char* module;
+  const std::vector<std::pair<std::string, std::vector<Call>>> modules = {
+      {"..\\C_ALL\\DATE",
+       {CALL(DBDaysInMonth(nullptr, 2003, 1)),
+        CALL(DBDate3ToLong(nullptr, 2003, 1, 1)),
+        CALL(DBLongDateTo3(nullptr, &b, &c, 5)),
+        CALL(DBLongDateTo3(&a, nullptr, &c, 5)),
+        CALL(DBLongDateTo3(&a, &b, nullptr, 5)),
+        CALL(DBLongDateToDayOfWeek(nullptr, 5)),
+        CALL(DBDayOfWeek(nullptr, 1)),
+        CALL(DBMonthToStr(nullptr, 1)),
+        CALL(DBDate3ToStr(nullptr, 3, 2003, 1, 1)),
+        CALL(DBStrDateTo3(nullptr, &b, &c, date, 3)),
+        CALL(DBStrDateTo3(&a, nullptr, &c, date, 3)),
+        CALL(DBStrDateTo3(&a, &b, nullptr, date, 3)),
+        CALL(DBStrDateTo3(&a, &b, &c, nullptr, 3)),
+        CALL(DBGetDefaultDateStyle(nullptr, buf)),
+        CALL(DBGetDefaultDateStyle(&a, nullptr)),
+        CALL(DBIsValidDateStr(nullptr, 3)),
+        CALL(DBIsStrLeapYear(nullptr, 3)),
+        CALL(DBDaysInMonthStr(nullptr, date, 3)),
+        CALL(DBDaysInMonthStr(&a, nullptr, 3)),
+        CALL(DBConvertDateStr(nullptr, 15, date, 3)),
+        CALL(DBConvertDateStr(buf, 15, nullptr, 3)),
+        CALL(DBStrDateToLong(nullptr, date, 3)),
+        CALL(DBStrDateToLong(&a, nullptr, 3)),
+        CALL(DBLongDateToStr(nullptr, 3, 5)),
+        CALL(DBStrDateToMonth(nullptr, date, 3)),
+        CALL(DBStrDateToMonth(buf, nullptr, 3)),
+        CALL(DBStrDateToIntDayWeek(nullptr, date, 3)),
+        CALL(DBStrDateToIntDayWeek(&a, nullptr, 3)),
+        CALL(DBStrDateToDayOfWeek(nullptr, date, 3)),
+        CALL(DBStrDateToDayOfWeek(buf, nullptr, 3)),
+        CALL(DBDaysBetweenStr(nullptr, date, 3, date, 3)),
+        CALL(DBDaysBetweenStr(&a, nullptr, 3, date, 3)),
+        CALL(DBDaysBetweenStr(&a, date, 3, nullptr, 3)),
+        CALL(DBGetDateStr(nullptr, 3))}},
+      {"..\\C_WIN32\\DATEW32",
+       {CALL(DBGetDate3(nullptr, &b, &c, &d)), CALL(DBGetDate3(&a, nullptr, &c, &d)),
+        CALL(DBGetDate3(&a, &b, nullptr, &d)), CALL(DBGetDate3(&a, &b, &c, nullptr))}},
+      {"..\\C_WIN32\\TIMEW32",
+       {CALL(DBGetTime3(nullptr, &b, &c, &d)), CALL(DBGetTime3(&a, nullptr, &c, &d)),
+        CALL(DBGetTime3(&a, &b, nullptr, &d)), CALL(DBGetTime3(&a, &b, &c, nullptr))}},
+      {"..\\C_ALL\\TIME",
+       {CALL(DBTime3ToStr(nullptr, 1, 1, 1, 1)), CALL(DBStrTimeTo3(nullptr, &b, &c, time, 1)),
+        CALL(DBStrTimeTo3(&a, nullptr, &c, time, 1)), CALL(DBStrTimeTo3(&a, &b, nullptr, time, 1)),
+        CALL(DBStrTimeTo3(&a, &b, &c, nullptr, 1)), CALL(DBIsValidTimeStr(nullptr, 1)),
+        CALL(DBGetTimeStr(nullptr, 1)), CALL(DBSecondsBetweenStr(nullptr, time, 1, time, 1)),
+        CALL(DBSecondsBetweenStr(&a, nullptr, 1, time, 1)),
+        CALL(DBSecondsBetweenStr(&a, time, 1, nullptr, 1))}},
   };
-  const std::vector<Call> calls = {
-      {"DBDaysInMonth", [&] { return DBDaysInMonth(nullptr, 2003, 1); }, "DATE"},
-      {"DBDate3ToLong", [&] { return DBDate3ToLong(nullptr, 2003, 1, 1); }, "DATE"},
-      {"DBLongDateTo3 y", [&] { return DBLongDateTo3(nullptr, &b, &c, 5); }, "DATE"},
-      {"DBLongDateTo3 m", [&] { return DBLongDateTo3(&a, nullptr, &c, 5); }, "DATE"},
-      {"DBLongDateTo3 d", [&] { return DBLongDateTo3(&a, &b, nullptr, 5); }, "DATE"},
-      {"DBLongDateToDayOfWeek", [&] { return DBLongDateToDayOfWeek(nullptr, 5); }, "DATE"},
-      {"DBDayOfWeek", [&] { return DBDayOfWeek(nullptr, 1); }, "DATE"},
-      {"DBMonthToStr", [&] { return DBMonthToStr(nullptr, 1); }, "DATE"},
-      {"DBDate3ToStr", [&] { return DBDate3ToStr(nullptr, 3, 2003, 1, 1); }, "DATE"},
-      {"DBStrDateTo3 y", [&] { return DBStrDateTo3(nullptr, &b, &c, date, 3); }, "DATE"},
-      {"DBStrDateTo3 m", [&] { return DBStrDateTo3(&a, nullptr, &c, date, 3); }, "DATE"},
-      {"DBStrDateTo3 d", [&] { return DBStrDateTo3(&a, &b, nullptr, date, 3); }, "DATE"},
-      {"DBStrDateTo3 text", [&] { return DBStrDateTo3(&a, &b, &c, nullptr, 3); }, "DATE"},
-      {"DBGetDefaultDateStyle s", [&] { return DBGetDefaultDateStyle(nullptr, buf); }, "DATE"},
-      {"DBGetDefaultDateStyle b", [&] { return DBGetDefaultDateStyle(&a, nullptr); }, "DATE"},
-      {"DBIsValidDateStr", [&] { return DBIsValidDateStr(nullptr, 3); }, "DATE"},
-      {"DBIsStrLeapYear", [&] { return DBIsStrLeapYear(nullptr, 3); }, "DATE"},
-      {"DBDaysInMonthStr n", [&] { return DBDaysInMonthStr(nullptr, date, 3); }, "DATE"},
-      {"DBDaysInMonthStr t", [&] { return DBDaysInMonthStr(&a, nullptr, 3); }, "DATE"},
-      {"DBConvertDateStr b", [&] { return DBConvertDateStr(nullptr, 15, date, 3); }, "DATE"},
-      {"DBConvertDateStr t", [&] { return DBConvertDateStr(buf, 15, nullptr, 3); }, "DATE"},
-      {"DBStrDateToLong n", [&] { return DBStrDateToLong(nullptr, date, 3); }, "DATE"},
-      {"DBStrDateToLong t", [&] { return DBStrDateToLong(&a, nullptr, 3); }, "DATE"},
-      {"DBLongDateToStr", [&] { return DBLongDateToStr(nullptr, 3, 5); }, "DATE"},
-      {"DBStrDateToMonth b", [&] { return DBStrDateToMonth(nullptr, date, 3); }, "DATE"},
-      {"DBStrDateToMonth t", [&] { return DBStrDateToMonth(buf, nullptr, 3); }, "DATE"},
-      {"DBStrDateToIntDayWeek i", [&] { return DBStrDateToIntDayWeek(nullptr, date, 3); }, "DATE"},
-      {"DBStrDateToIntDayWeek t", [&] { return DBStrDateToIntDayWeek(&a, nullptr, 3); }, "DATE"},
-      {"DBStrDateToDayOfWeek b", [&] { return DBStrDateToDayOfWeek(nullptr, date, 3); }, "DATE"},
-      {"DBStrDateToDayOfWeek t", [&] { return DBStrDateToDayOfWeek(buf, nullptr, 3); }, "DATE"},
-      {"DBDaysBetweenStr n", [&] { return DBDaysBetweenStr(nullptr, date, 3, date, 3); }, "DATE"},
-      {"DBDaysBetweenStr 1", [&] { return DBDaysBetweenStr(&a, nullptr, 3, date, 3); }, "DATE"},
-      {"DBDaysBetweenStr 2", [&] { return DBDaysBetweenStr(&a, date, 3, nullptr, 3); }, "DATE"},
-      {"DBGetDateStr", [&] { return DBGetDateStr(nullptr, 3); }, "DATE"},
-      {"DBGetDate3 y", [&] { return DBGetDate3(nullptr, &b, &c, &d); }, "DATEW32"},
-      {"DBGetDate3 m", [&] { return DBGetDate3(&a, nullptr, &c, &d); }, "DATEW32"},
-      {"DBGetDate3 d", [&] { return DBGetDate3(&a, &b, nullptr, &d); }, "DATEW32"},
-      {"DBGetDate3 w", [&] { return DBGetDate3(&a, &b, &c, nullptr); }, "DATEW32"},
-      {"DBGetTime3 h", [&] { return DBGetTime3(nullptr, &b, &c, &d); }, "TIMEW32"},
-      {"DBGetTime3 m", [&] { return DBGetTime3(&a, nullptr, &c, &d); }, "TIMEW32"},
-      {"DBGetTime3 s", [&] { return DBGetTime3(&a, &b, nullptr, &d); }, "TIMEW32"},
-      {"DBGetTime3 c", [&] { return DBGetTime3(&a, &b, &c, nullptr); }, "TIMEW32"},
-      {"DBTime3ToStr", [&] { return DBTime3ToStr(nullptr, 1, 1, 1, 1); }, "TIME"},
-      {"DBStrTimeTo3 h", [&] { return DBStrTimeTo3(nullptr, &b, &c, time, 1); }, "TIME"},
-      {"DBStrTimeTo3 m", [&] { return DBStrTimeTo3(&a, nullptr, &c, time, 1); }, "TIME"},
-      {"DBStrTimeTo3 s", [&] { return DBStrTimeTo3(&a, &b, nullptr, time, 1); }, "TIME"},
-      {"DBStrTimeTo3 t", [&] { return DBStrTimeTo3(&a, &b, &c, nullptr, 1); }, "TIME"},
-      {"DBIsValidTimeStr", [&] { return DBIsValidTimeStr(nullptr, 1); }, "TIME"},
-      {"DBGetTimeStr", [&] { return DBGetTimeStr(nullptr, 1); }, "TIME"},
-      {"DBSecondsBetweenStr n", [&] { return DBSecondsBetweenStr(nullptr, time, 1, time, 1); },
-       "TIME"},
-      {"DBSecondsBetweenStr 1", [&] { return DBSecondsBetweenStr(&a, nullptr, 1, time, 1); },
-       "TIME"},
-      {"DBSecondsBetweenStr 2", [&] { return DBSecondsBetweenStr(&a, time, 1, nullptr, 1); },
-       "TIME"},
-  };
-  for (const Call& call : calls) {
-    DBSetErrorCode(0);
-    const size_t logged = LogCount();
-    EXPECT_EQ(call.run(), DB_ERR_NULL) << call.name;
-    EXPECT_EQ(DBGetErrorCode(), DB_ERR_NULL) << call.name;
-    EXPECT_GT(LogCount(), logged) << call.name << " did not log";
-    const std::string module = LastLoggedModule();
-    EXPECT_EQ(module.substr(module.rfind('\\') + 1), call.module) << call.name;
+  for (const auto& [module, calls] : modules) {
+    for (const Call& call : calls) {
+      DBSetErrorCode(0);
+      const size_t logged = LogCount();
+      EXPECT_EQ(call.run(), DB_ERR_NULL) << call.text;
+      EXPECT_EQ(DBGetErrorCode(), DB_ERR_NULL) << call.text;
+      EXPECT_GT(LogCount(), logged) << call.text << " did not log";
+      EXPECT_EQ(LastLoggedModule(), module) << call.text;
+    }
   }
 }
 
