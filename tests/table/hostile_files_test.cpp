@@ -40,28 +40,19 @@ TEST_F(HostileFilesTest, DamagedHeadersGiveTheirErrors) {
     int32_t mode;
     int32_t code;
   };
+  // More damage, to a fixture table, is refused in tests/interop.
   const Case cases[] = {
       {"empty file", [](auto& b) { b.clear(); }, 1, DB_ERR_READ},
-      {"short header", [](auto& b) { b.resize(20); }, 1, DB_ERR_READ},
       {"descriptors cut", [](auto& b) { b.resize(70); }, 1, DB_ERR_READ},
-      {"header length 32n+3", [](auto& b) { b[8] = 99; }, 1, DB_ERR_HEADER_LENGTH},
       {"header length 31", [](auto& b) { b[8] = 31, b[9] = 0; }, 1, DB_ERR_HEADER_LENGTH},
       {"header length 33", [](auto& b) { b[8] = 33, b[9] = 0; }, 1, DB_ERR_HEADER_LENGTH},
       {"header length beyond the file", [](auto& b) { b[8] = 0x01, b[9] = 0xF0; }, 1, DB_ERR_READ},
-      {"month 13", [](auto& b) { b[2] = 13; }, 1, DB_ERR_CHANGE_DATE},
-      {"day 0", [](auto& b) { b[3] = 0; }, 1, DB_ERR_CHANGE_DATE},
-      {"version", [](auto& b) { b[0] = 0x30; }, 1, DB_ERR_VERSION},
       {"fox version in dBASE", [](auto& b) { b[0] = 0xF5; }, 1, DB_ERR_VERSION},
       {"production flag 2", [](auto& b) { b[28] = 2; }, 8, DB_ERR_MDX_FLAG},
-      {"record length short", [](auto& b) { b[10] = 9; }, 1, DB_ERR_RECORD_LENGTH},
       {"record length long", [](auto& b) { b[10] = 11; }, 1, DB_ERR_RECORD_LENGTH},
       {"record length 0", [](auto& b) { b[10] = 0, b[11] = 0; }, 1, DB_ERR_RECORD_LENGTH},
       {"field length grown", [](auto& b) { b[32 + 16] = 200; }, 1, DB_ERR_RECORD_LENGTH},
-      {"name without terminator", [](auto& b) { std::fill(b.begin() + 32, b.begin() + 43, 'A'); },
-       1, DB_ERR_FIELD_NAME},
-      {"unknown type", [](auto& b) { b[64 + 11] = 'Q'; }, 1, DB_ERR_FIELD_TYPE},
       {"memo without memo version", [](auto& b) { b[64 + 11] = 'M'; }, 1, DB_ERR_VERSION},
-      {"dialect 10", [](auto&) {}, 10, DB_ERR_INVALID_COMMAND},
   };
   for (const Case& c : cases) {
     std::vector<uint8_t> b = good;
@@ -185,48 +176,40 @@ TEST_F(HostileFilesTest, DamagedReuseChainsNeitherHangNorWriteOutside) {
 }
 
 // Makes the nth allocation fail for n = 1, 2, ... until the operation
-// succeeds; every failure must be -203 and leave nothing behind.
-TEST_F(HostileFilesTest, EveryAllocationFailureDuringOpenCreateAndAppend) {
-  const std::string path = Good("MEM.DBF");
+// succeeds; every failure must be -203 and leave nothing behind.  Returns the
+// number of failures.
+int FailEachAllocation(const std::function<int32_t()>& operation) {
   int failures = 0;
   for (long n = 1;; ++n) {
+    const long live = kestrel::testing::LiveAllocations();
     kestrel::testing::FailAllocation(n);
-    int32_t h = 3;
-    int32_t rc = DBOpenFile(&h, path.c_str(), 1);
+    const int32_t rc = operation();
     kestrel::testing::FailAllocation(0);
-    if (rc == 0) {
-      DBCloseFile(h);
-      break;
-    }
-    ASSERT_EQ(rc, DB_ERR_MEMORY) << n;
-    ASSERT_EQ(h, -1);
-    ExpectNothingOpen();
+    if (rc == 0) return failures;
     ++failures;
+    EXPECT_EQ(rc, DB_ERR_MEMORY) << n;
+    EXPECT_EQ(kestrel::testing::LiveAllocations(), live) << n;
+    if (rc != DB_ERR_MEMORY) return failures;
   }
+}
+
+TEST_F(HostileFilesTest, EveryAllocationFailureDuringOpenCreateAndAppend) {
+  const std::string path = Good("MEM.DBF");
+  int32_t h = 3;
+  const int failures = FailEachAllocation([&] {
+    const int32_t rc = DBOpenFile(&h, path.c_str(), 1);
+    EXPECT_EQ(h < 0, rc < 0);
+    return rc;
+  });
   EXPECT_GE(failures, 4);  // block, cache, record buffer, descriptors, name
-
+  DBCloseFile(h);
   std::vector<DBFIELD> fields = {Field("A", 'C', 5), Field("B", 'N', 5)};
-  for (long n = 1;; ++n) {
-    kestrel::testing::FailAllocation(n);
-    int32_t rc = DBCreateFile(dir_.File("NEW.DBF").c_str(), 2, fields.data(), 1);
-    kestrel::testing::FailAllocation(0);
-    if (rc == 0) break;
-    ASSERT_EQ(rc, DB_ERR_MEMORY) << n;
-    ExpectNothingOpen();
-  }
-
+  FailEachAllocation(
+      [&] { return DBCreateFile(dir_.File("NEW.DBF").c_str(), 2, fields.data(), 1); });
   for (int32_t mode : {0, DB_OPEN_UNBUFFERED, DB_OPEN_REUSE}) {
-    int32_t h = Open(path, 1 | mode);
-    long live = kestrel::testing::LiveAllocations();
-    for (long n = 1;; ++n) {
-      kestrel::testing::FailAllocation(n);
-      int32_t r = 0;
-      int32_t rc = DBPutRecord(h, &r, DB_RECORD_APPEND);
-      kestrel::testing::FailAllocation(0);
-      if (rc == 0) break;
-      ASSERT_EQ(rc, DB_ERR_MEMORY);
-      ASSERT_EQ(kestrel::testing::LiveAllocations(), live);
-    }
+    h = Open(path, 1 | mode);
+    int32_t r = 0;
+    FailEachAllocation([&] { return DBPutRecord(h, &r, DB_RECORD_APPEND); });
     DBCloseFile(h);
   }
   ExpectNothingOpen();

@@ -53,6 +53,17 @@ class TableTest : public ::testing::Test {
     EXPECT_EQ(DBOpenFile(&h, path.c_str(), mode), 0) << path;
     return h;
   }
+  // A status and the value a call wrote, as "status value"; the value is
+  // bound by reference, so it is read after the call.
+  template <class T>
+  static std::string R(int32_t rc, const T& value) {
+    return std::to_string(rc) + " " + ToText(value);
+  }
+  static std::string ToText(const char* text) { return text; }
+  template <class T>
+  static std::string ToText(const T& value) {
+    return std::to_string(value);
+  }
   // Every slot free and no library memory beyond what was live at SetUp.
   void ExpectNothingOpen() {
     EXPECT_EQ(kestrel::testing::LiveAllocations(), live_at_start_);
