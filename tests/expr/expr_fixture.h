@@ -23,23 +23,81 @@ struct Result {
   std::string bytes;  // the value buffer: text without its NUL, or the raw bytes
   std::string text;   // the expression as the evaluator left it
 
-  double AsDouble() const {
-    double d = 0;
-    if (bytes.size() >= sizeof d) std::memcpy(&d, bytes.data(), sizeof d);
-    return d;
-  }
   template <class T>
   T As() const {
     T v{};
     if (bytes.size() >= sizeof v) std::memcpy(&v, bytes.data(), sizeof v);
     return v;
   }
+  // "error <rc>", or the type (a letter, or a code and "/"), the length, ":"
+  // and the value: the quoted text of C and D, the numeric types' number.
+  std::string Show() const {
+    if (rc < 0) return "error " + std::to_string(rc);
+    std::string head =
+        (type > ' ' ? std::string(1, static_cast<char>(type)) : std::to_string(type) + "/") +
+        std::to_string(length) + ":";
+    switch (type) {
+      case 'C':
+      case 'D':
+        return head + '"' + bytes + '"';
+      case 'N':
+      case 'F':
+      case DB_FTYPE_DOUBLE: {
+        char number[64];
+        std::snprintf(number, sizeof number, "%.15g", As<double>());
+        return head + number;
+      }
+      case DB_FTYPE_FLOAT:
+        return head + std::to_string(As<float>());
+      case DB_FTYPE_ULONG:
+        return head + std::to_string(As<uint32_t>());
+      case DB_FTYPE_LONG:
+        return head + std::to_string(As<int32_t>());
+      case DB_FTYPE_USHORT:
+        return head + std::to_string(As<uint16_t>());
+      case 'L':
+        return head + std::to_string(As<uint8_t>());
+      default:
+        return head;
+    }
+  }
 };
+
+// Replaces a keyword's value with text (type C); -203 when memory runs out.
+inline int32_t SetText(DBEXPRVALUE* current, const std::string& text) {
+  void* buffer = nullptr;
+  if (DBAllocateMemory(&buffer, static_cast<uint32_t>(text.size() + 1)) < 0) return DB_ERR_MEMORY;
+  std::memcpy(buffer, text.c_str(), text.size() + 1);
+  DBFreeMemory(current->value);
+  current->value = buffer;
+  current->type = 'C';
+  current->length = static_cast<int16_t>(text.size());
+  return 0;
+}
+
+// The keywords the fuzz target registers as "KW" and "PAD(": a constant
+// text, and PAD(expr,n), the argument's text cut or padded with '.' to n.
+inline int32_t ConstantKeyword(DBEXPRVALUE* current) {
+  current->value = nullptr;
+  return SetText(current, "KW");
+}
+inline int32_t PadKeyword(DBEXPRVALUE* current) {
+  int32_t rc = DBProcessTable();
+  if (rc < 0) return rc;
+  uint16_t width = 0;
+  rc = DBGetValue(&width);
+  if (rc < 0) return rc;
+  if (current->type != 'C') return DB_ERR_BAD_EXPRESSION;
+  std::string text(static_cast<const char*>(current->value), current->length);
+  text.resize(width, '.');
+  return SetText(current, text);
+}
 
 // Fields of the test table, in order.
 //   NAME C(10)  FIRST C(8)  PRICE N(8,2)  TAX N(6,2)  AMOUNT N(10,2)
 //   HIRED D  ACTIVE L  NOTES M  Q1 Q2 (3: unsigned 32-bit)  S1 S2 (5: unsigned
 //   16-bit)  I1 (4: signed 32-bit)  F1 F2 (2: float)  RAW12 (12: not converted)
+// Record 1 is filled, record 2 has a blank date and other texts.
 class ExprTest : public ::testing::Test {
  public:
   // Evaluates text with DBEvaluateStr against table and frees the result.
@@ -47,7 +105,7 @@ class ExprTest : public ::testing::Test {
 
  protected:
   void SetUp() override {
-    ASSERT_EQ(DBInitialize(40, 3), 0);
+    ASSERT_EQ(DBInitialize(40, 3), 0);  // default date style 3, mm/dd/yyyy
     path_ = dir_.File("staff.dbf");
     std::vector<DBFIELD> fields = {
         Field("NAME", 'C', 10),  Field("FIRST", 'C', 8),      Field("PRICE", 'N', 8, 2),
@@ -59,33 +117,28 @@ class ExprTest : public ::testing::Test {
     ASSERT_EQ(DBCreateFile(path_.c_str(), static_cast<int32_t>(fields.size()), fields.data(), 1),
               0);
     ASSERT_EQ(DBOpenFile(&table_, path_.c_str(), 1), 0);
-    // Record 1: filled.
-    Put("NAME", "SMITH");
-    Put("FIRST", "JOHN");
-    PutNumber("PRICE", 12.5);
-    PutNumber("TAX", 1.25);
-    PutNumber("AMOUNT", 1234.56);
-    PutDate("HIRED", "07/15/2003");
-    uint8_t yes = 1;
-    ASSERT_GE(DBPutNamedData(table_, "ACTIVE", &yes), 0);
-    uint32_t q1 = 7, q2 = 5;
-    ASSERT_GE(DBPutNamedData(table_, "Q1", &q1), 0);
-    ASSERT_GE(DBPutNamedData(table_, "Q2", &q2), 0);
-    uint16_t s1 = 300, s2 = 45;
-    ASSERT_GE(DBPutNamedData(table_, "S1", &s1), 0);
-    ASSERT_GE(DBPutNamedData(table_, "S2", &s2), 0);
-    int32_t i1 = -40;
-    ASSERT_GE(DBPutNamedData(table_, "I1", &i1), 0);
-    float f1 = 1.5f, f2 = 0.25f;
-    ASSERT_GE(DBPutNamedData(table_, "F1", &f1), 0);
-    ASSERT_GE(DBPutNamedData(table_, "F2", &f2), 0);
-    Append();
-    // Record 2: blank date, other texts.
-    ASSERT_EQ(DBClearBuffer(table_), 0);
-    Put("NAME", "JONES");
-    Put("FIRST", "MARY");
-    PutNumber("AMOUNT", -7.5);
-    Append();
+    const double price = 12.5, tax = 1.25, amount = 1234.56, minus = -7.5;
+    const uint8_t yes = 1;
+    const uint32_t q1 = 7, q2 = 5;
+    const uint16_t s1 = 300, s2 = 45;
+    const int32_t i1 = -40;
+    const float f1 = 1.5f, f2 = 0.25f;
+    const std::vector<std::pair<const char*, const void*>> first = {
+        {"NAME", "SMITH"}, {"FIRST", "JOHN"},   {"PRICE", &price},
+        {"TAX", &tax},     {"AMOUNT", &amount}, {"HIRED", "07/15/2003"},
+        {"ACTIVE", &yes},  {"Q1", &q1},         {"Q2", &q2},
+        {"S1", &s1},       {"S2", &s2},         {"I1", &i1},
+        {"F1", &f1},       {"F2", &f2}};
+    const std::vector<std::pair<const char*, const void*>> second = {
+        {"NAME", "JONES"}, {"FIRST", "MARY"}, {"AMOUNT", &minus}};
+    for (const auto* record : {&first, &second}) {
+      ASSERT_EQ(DBClearBuffer(table_), 0);
+      for (const auto& [name, value] : *record) {
+        ASSERT_GE(DBPutNamedData(table_, name, value), 0) << name;
+      }
+      int32_t recno = 0;
+      ASSERT_GE(DBPutRecord(table_, &recno, 0), 0);
+    }
     ASSERT_GE(DBGetRecord(table_, 1), 0);
   }
 
@@ -104,21 +157,9 @@ class ExprTest : public ::testing::Test {
     return f;
   }
 
-  void Put(const char* name, const char* text) { ASSERT_GE(DBPutNamedStr(table_, name, text), 0); }
-  void PutNumber(const char* name, double value) {
-    ASSERT_GE(DBPutNamedData(table_, name, &value), 0);
-  }
-  // The text is in the default date style of SetUp (3, mm/dd/yyyy).
-  void PutDate(const char* name, const char* text) {
-    ASSERT_GE(DBPutNamedData(table_, name, text), 0);
-  }
-  void Append() {
-    int32_t recno = 0;
-    ASSERT_GE(DBPutRecord(table_, &recno, 0), 0);
-  }
-
   // Evaluates text with DBEvaluateStr and frees the result buffer.
   Result Eval(const std::string& expression) { return EvalOn(table_, expression); }
+  std::string Show(const std::string& expression) { return Eval(expression).Show(); }
 
   TempDir dir_;
   std::string path_;
