@@ -2,9 +2,9 @@
 // programs (python3-dbfread, python3-dbf, Perl XBase): the same field
 // definitions, record values and deletion flags.
 //
-// Memo fields hold block numbers only here; so that the readers (some of
-// which refuse a memo field without its memo file) can follow them, the test
-// writes a small memo file beside the table with a known text at each block.
+// Memo fields hold block numbers; so that the readers (some of which refuse
+// a memo field without its memo file) can follow them, each table gets a
+// memo file with a known text at each block.
 #include <gtest/gtest.h>
 
 #include <set>
@@ -65,88 +65,34 @@ std::string LongText(size_t row) {
   return "long text " + std::to_string(row) + std::string(280, '.') + "end";
 }
 
-// Memo file layouts the readers understand, by the table's version byte.
-enum class MemoKind { kNone, kDbase3, kDbase4, kFoxPro };
-
-MemoKind MemoKindFor(int dialect) {
-  if (dialect == 0) return MemoKind::kNone;
-  if (dialect == 2) return MemoKind::kDbase4;
-  if (dialect == 4 || dialect == 8) return MemoKind::kFoxPro;
-  return MemoKind::kDbase3;
-}
-
-// Writes the memo file and returns the block number of each row's memo (0: none).
-std::vector<uint32_t> WriteMemoFile(MemoKind kind, const std::string& table_path) {
+// Writes the memo file beside the table through the engine (dBASE IV layout
+// for dialect 2, FPT with 64-byte blocks for 4 and 8, the plain layout for
+// the others) and returns the block of each row's memo (0: none).
+std::vector<uint32_t> WriteMemoFile(int dialect, const std::string& table_path) {
   std::vector<uint32_t> blocks;
-  if (kind == MemoKind::kNone) return blocks;
-  const size_t block_size = kind == MemoKind::kFoxPro ? 64 : 512;
-  const size_t overhead = kind == MemoKind::kDbase3 ? 2 : 8;  // terminator or block header
-  std::vector<uint8_t> file(512, 0);                          // the header block(s)
-  uint32_t next = kind == MemoKind::kFoxPro ? 8 : 1;  // FoxPro: the 512-byte header is 8 blocks
-  for (const Row& row : Rows()) {
-    if (row.memo.empty()) {
-      blocks.push_back(0);
-      continue;
-    }
-    blocks.push_back(next);
-    size_t start = next * block_size;
-    size_t used = row.memo.size() + overhead;
-    size_t span = (used + block_size - 1) / block_size;
-    file.resize(start + span * block_size, 0);
-    uint8_t* p = file.data() + start;
-    const uint32_t n = static_cast<uint32_t>(row.memo.size());
-    switch (kind) {
-      case MemoKind::kDbase3:
-        std::copy(row.memo.begin(), row.memo.end(), p);
-        p[n] = 0x1A;
-        p[n + 1] = 0x1A;
-        break;
-      case MemoKind::kDbase4: {
-        const uint32_t total = n + 8;
-        const uint8_t head[8] = {0xFF,
-                                 0xFF,
-                                 0x08,
-                                 0x00,
-                                 uint8_t(total),
-                                 uint8_t(total >> 8),
-                                 uint8_t(total >> 16),
-                                 uint8_t(total >> 24)};
-        std::copy(head, head + 8, p);
-        std::copy(row.memo.begin(), row.memo.end(), p + 8);
-        break;
-      }
-      case MemoKind::kFoxPro: {
-        const uint8_t head[8] = {
-            0, 0, 0, 1, uint8_t(n >> 24), uint8_t(n >> 16), uint8_t(n >> 8), uint8_t(n)};
-        std::copy(head, head + 8, p);
-        std::copy(row.memo.begin(), row.memo.end(), p + 8);
-        break;
-      }
-      case MemoKind::kNone:
-        break;
-    }
-    next += static_cast<uint32_t>(span);
-  }
-  if (kind == MemoKind::kFoxPro) {
-    file[0] = uint8_t(next >> 24);
-    file[1] = uint8_t(next >> 16);
-    file[2] = uint8_t(next >> 8);
-    file[3] = uint8_t(next);
-    file[6] = 0;
-    file[7] = static_cast<uint8_t>(block_size);
+  if (dialect == 0) return blocks;
+  const bool fpt = dialect == 4 || dialect == 8;
+  const int32_t layout = dialect == 2 ? 2 : 1;
+  const std::string memo = table_path.substr(0, table_path.size() - 4) + (fpt ? ".fpt" : ".dbt");
+  int32_t m = -1;
+  if (fpt) {
+    EXPECT_EQ(DBfpCreateMemo(memo.c_str(), 64), 0);
+    EXPECT_EQ(DBfpOpenMemo(&m, memo.c_str(), 0), 0);
   } else {
-    file[0] = uint8_t(next);
-    file[1] = uint8_t(next >> 8);
-    file[2] = uint8_t(next >> 16);
-    file[3] = uint8_t(next >> 24);
-    if (kind == MemoKind::kDbase4) {
-      file[20] = uint8_t(block_size);
-      file[21] = uint8_t(block_size >> 8);
-    }
+    EXPECT_EQ(DBxbCreateMemo(memo.c_str(), 1, layout), 0);
+    EXPECT_EQ(DBxbOpenMemo(&m, memo.c_str(), layout), 0);
   }
-  std::string memo_path =
-      table_path.substr(0, table_path.size() - 4) + (kind == MemoKind::kFoxPro ? ".fpt" : ".dbt");
-  WriteFileBytes(memo_path, file);
+  for (const Row& row : Rows()) {
+    uint32_t block = 0;
+    if (!row.memo.empty()) {
+      const uint32_t n = static_cast<uint32_t>(row.memo.size());
+      EXPECT_EQ(fpt ? DBfpPutMemoRecord(m, &block, row.memo.data(), n, 0, 0)
+                    : DBxbPutMemoRecord(m, &block, row.memo.c_str(), 0),
+                0);
+    }
+    blocks.push_back(block);
+  }
+  EXPECT_EQ(fpt ? DBfpCloseMemo(m) : DBxbCloseMemo(m), 0);
   return blocks;
 }
 
@@ -176,7 +122,7 @@ class TableReadersTest : public ::testing::TestWithParam<int> {
     }
     ASSERT_EQ(
         DBCreateFile(path.c_str(), static_cast<int32_t>(fields.size()), fields.data(), dialect), 0);
-    std::vector<uint32_t> blocks = WriteMemoFile(MemoKindFor(dialect), path);
+    std::vector<uint32_t> blocks = WriteMemoFile(dialect, path);
 
     int32_t h = -1;
     ASSERT_EQ(DBOpenFile(&h, path.c_str(), dialect), 0);
