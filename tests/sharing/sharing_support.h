@@ -34,37 +34,7 @@ inline DBFIELD Field(const char* name, int32_t type, int32_t length = 0, int32_t
   return f;
 }
 
-// What the kernel says about a byte range: whether another lock conflicts
-// with a write lock there and, if so, the conflicting lock's range and owner.
-struct Probe {
-  bool held = false;
-  int64_t start = 0;
-  int64_t length = 0;
-  int32_t pid = 0;
-};
-
-// Asks with a classic F_GETLK on a descriptor of its own (read-only, so the
-// probe itself can take nothing).
-inline Probe ProbeRange(const std::string& path, uint64_t offset, uint64_t length) {
-  Probe p;
-  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return p;
-  struct flock fl {};
-  fl.l_type = F_WRLCK;
-  fl.l_whence = SEEK_SET;
-  fl.l_start = static_cast<off_t>(offset);
-  fl.l_len = static_cast<off_t>(length);
-  if (::fcntl(fd, F_GETLK, &fl) == 0 && fl.l_type != F_UNLCK) {
-    p.held = true;
-    p.start = fl.l_start;
-    p.length = fl.l_len;
-    p.pid = fl.l_pid;
-  }
-  ::close(fd);
-  return p;
-}
-
-// A one-way pipe used as a signal: one side sends bytes, the other waits.
+// A one-way pipe used as a signal: one side sends a byte, the other waits.
 class Signal {
  public:
   Signal() {
@@ -77,18 +47,15 @@ class Signal {
   }
   Signal(const Signal&) = delete;
   Signal& operator=(const Signal&) = delete;
-  void Send(char c = '.') {
-    ssize_t n = ::write(fds_[1], &c, 1);
-    (void)n;
-  }
-  // The next byte sent, or 0 when the other side is gone.
-  char Wait() {
+  void Send() { (void)!::write(fds_[1], ".", 1); }
+  // Returns false when the other side is gone.
+  bool Wait() {
     char c = 0;
     ssize_t n;
     do {
       n = ::read(fds_[0], &c, 1);
     } while (n < 0 && errno == EINTR);
-    return n == 1 ? c : 0;
+    return n == 1;
   }
 
  private:
@@ -103,8 +70,7 @@ class ChildChecks {
   void Check(bool ok, int line, const std::string& what) {
     if (ok) return;
     std::string text = "child line " + std::to_string(line) + ": " + what + "\n";
-    ssize_t n = ::write(fd_, text.data(), text.size());
-    (void)n;
+    (void)!::write(fd_, text.data(), text.size());
   }
   template <class A, class B>
   void Equal(const A& actual, const B& expected, int line, const char* what) {
@@ -122,11 +88,11 @@ class ChildChecks {
 #define CHILD_EQ(checks, actual, expected) \
   (checks).Equal((actual), (expected), __LINE__, #actual " == " #expected)
 
-// A forked child running body(checks); Join() waits for it and turns its
-// reports (and an abnormal exit) into failures of the current test.
+// A forked child running body(checks); Join() (or the destructor) waits for
+// it and turns its reports and an abnormal exit into failures of the test.
 class Child {
  public:
-  explicit Child(std::function<void(ChildChecks&)> body) {
+  explicit Child(const std::function<void(ChildChecks&)>& body) {
     int fds[2];
     if (::pipe(fds) != 0) return;
     pid_ = ::fork();
@@ -134,18 +100,14 @@ class Child {
       ::close(fds[0]);
       ChildChecks checks(fds[1]);
       body(checks);
-      ::close(fds[1]);
       ::_exit(0);
     }
     ::close(fds[1]);
     report_ = fds[0];
   }
-  ~Child() {
-    if (pid_ > 0) Join();
-  }
+  ~Child() { Join(); }
   Child(const Child&) = delete;
   Child& operator=(const Child&) = delete;
-  int pid() const { return pid_; }
 
   void Join() {
     if (pid_ <= 0) return;
@@ -170,7 +132,34 @@ class Child {
   int report_ = -1;
 };
 
-// An initialised library and a temporary directory for every test.
+// Checks from another process, with a plain fcntl(F_GETLK) on a descriptor
+// of its own, that exactly [offset, offset + length) is held (one lock,
+// neither byte beside it), or that none of it is.
+inline void ExpectRegion(const std::string& path, uint64_t offset, uint64_t length, bool held) {
+  Child child([&](ChildChecks& checks) {
+    // The range of the lock that keeps a write lock off [at, at + n), or {-1, 0}.
+    using Range = std::pair<int64_t, int64_t>;
+    auto probe = [&](uint64_t at, uint64_t n) {
+      int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+      struct flock fl {};
+      fl.l_type = F_WRLCK;
+      fl.l_whence = SEEK_SET;
+      fl.l_start = static_cast<off_t>(at);
+      fl.l_len = static_cast<off_t>(n);
+      bool taken = fd >= 0 && ::fcntl(fd, F_GETLK, &fl) == 0 && fl.l_type != F_UNLCK;
+      if (fd >= 0) ::close(fd);
+      return taken ? Range(fl.l_start, fl.l_len) : Range(-1, 0);
+    };
+    std::string what = std::to_string(offset) + " +" + std::to_string(length);
+    if (!held) return checks.Check(probe(offset, length).first < 0, __LINE__, what + " is free");
+    checks.Check(probe(offset, length) == Range(offset, length) &&
+                     probe(offset + length, 1).first < 0 &&
+                     (offset == 0 || probe(offset - 1, 1).first < 0),
+                 __LINE__, what + " is held exactly");
+  });
+}
+
+// An initialised library (lock retries off) and a temporary directory.
 class SharingTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -183,12 +172,18 @@ class SharingTest : public ::testing::Test {
     DBTerminate();
   }
 
-  // Creates name in the temp dir (the field list is normalised in place).
-  std::string Create(const std::string& name, std::vector<DBFIELD> fields, int32_t dialect) {
+  // A table NAME C(20), QTY N(8,2) (header 97 bytes, 128 in dialect 9;
+  // records of 29) holding "r1".."rN", the listed records marked deleted.
+  // QTY carries the dBASE IV production tag flag.
+  std::string Make(const std::string& name, int records, const std::vector<int>& deleted = {},
+                   int32_t dialect = 1) {
     std::string path = dir_.File(name);
-    EXPECT_EQ(
-        DBCreateFile(path.c_str(), static_cast<int32_t>(fields.size()), fields.data(), dialect), 0)
-        << path;
+    DBFIELD fields[] = {Field("NAME", 'C', 20), Field("QTY", 'N' | 0x100, 8, 2)};
+    EXPECT_EQ(DBCreateFile(path.c_str(), 2, fields, dialect), 0) << path;
+    int32_t h = Open(path, dialect & 0xFF);
+    for (int i = 1; i <= records; ++i) Append(h, "r" + std::to_string(i));
+    for (int r : deleted) EXPECT_EQ(DBMarkRecordInActive(h, r), 0);
+    EXPECT_EQ(DBCloseFile(h), 0);
     return path;
   }
   int32_t Open(const std::string& path, int32_t mode) {
@@ -196,13 +191,18 @@ class SharingTest : public ::testing::Test {
     EXPECT_EQ(DBOpenFile(&h, path.c_str(), mode), 0) << path;
     return h;
   }
-  // Appends one record whose first (character) field holds text.
+  // Appends one record whose first field holds text; returns its number.
   int32_t Append(int32_t h, const std::string& text) {
     EXPECT_EQ(DBClearBuffer(h), 0);
     EXPECT_EQ(DBPutStrField(h, 0, text.c_str()), 0);
     int32_t r = 0;
     EXPECT_EQ(DBPutRecord(h, &r, DB_RECORD_APPEND), 0);
     return r;
+  }
+  // Writes text into the first field of record r.
+  int32_t Replace(int32_t h, int32_t r, const std::string& text) {
+    EXPECT_EQ(DBPutStrField(h, 0, text.c_str()), 0);
+    return DBPutRecord(h, &r, DB_RECORD_REPLACE);
   }
   // The first field of record r without its trailing blanks.
   std::string Text(int32_t h, int32_t r) {
@@ -218,6 +218,28 @@ class SharingTest : public ::testing::Test {
     int32_t n = -1;
     EXPECT_EQ(DBGetRecordCount(h, &n), 0);
     return n;
+  }
+  // The lock state and lock count the table reports.
+  std::pair<int32_t, int32_t> LockState(int32_t h) {
+    DBFILEINFO info{};
+    EXPECT_EQ(DBGetFileInfo(h, &info), 0);
+    return {info.lock_state, info.lock_count};
+  }
+  // The locks the table reports holding, as (kind, record) pairs.
+  std::vector<std::pair<int32_t, int32_t>> Held(int32_t h) {
+    DBLOCKINFO* locks = nullptr;
+    int32_t count = 0;
+    EXPECT_EQ(DBGetLockInfo(h, &locks, &count), 0);
+    std::vector<std::pair<int32_t, int32_t>> out;
+    for (int32_t i = 0; locks && i < count; ++i) out.emplace_back(locks[i].kind, locks[i].record);
+    if (locks) DBFreeMemory(locks);
+    return out;
+  }
+  // Locks held in the whole library.
+  static int32_t LocksUsed() {
+    int32_t used = -1, capacity = 0;
+    DBGetLockCount(&used, &capacity);
+    return used;
   }
 
   TempDir dir_;

@@ -35,20 +35,13 @@ class LockToolTest : public SharingTest {
     }
     SharingTest::SetUp();
   }
-  std::string Make(const std::string& name, int32_t dialect, int records) {
-    std::string path = Create(name, {Field("NAME", 'C', 9)}, dialect);
-    int32_t h = Open(path, dialect & 0xFF);
-    for (int i = 1; i <= records; ++i) Append(h, "r" + std::to_string(i));
-    EXPECT_EQ(DBCloseFile(h), 0);
-    return path;
-  }
   static bool Has(const std::string& text, const std::string& part) {
     return text.find(part) != std::string::npos;
   }
 };
 
 TEST_F(LockToolTest, ShowsTheRegionsThisProcessHoldsWithItsPid) {
-  std::string path = Make("CLIP.DBF", 6, 10);
+  std::string path = Make("CLIP.DBF", 10, {}, 6);
   int32_t h = Open(path, 6 | DB_OPEN_SHARED | DB_OPEN_MULTILOCK);
   ASSERT_EQ(DBLockRecord(h, 5), 0);
   ASSERT_EQ(DBLockHeader(h), 0);
@@ -81,7 +74,7 @@ TEST_F(LockToolTest, ShowsTheRegionsThisProcessHoldsWithItsPid) {
 }
 
 TEST_F(LockToolTest, RecordsInsideAFileLockAreCountedNotListed) {
-  std::string path = Make("D3.DBF", 1, 10);
+  std::string path = Make("D3.DBF", 10);
   int32_t h = Open(path, 1 | DB_OPEN_SHARED);
   ASSERT_EQ(DBLockFile(h), 0);
   ToolRun run = RunTool("locks " + path);
@@ -93,13 +86,10 @@ TEST_F(LockToolTest, RecordsInsideAFileLockAreCountedNotListed) {
 }
 
 TEST_F(LockToolTest, PackKeepsTheBackupAndCountsTheRecords) {
-  std::string path = Make("P.DBF", 1, 6);
-  int32_t h = Open(path, 1);
-  ASSERT_EQ(DBMarkRecordInActive(h, 2), 0);
-  ASSERT_EQ(DBMarkRecordInActive(h, 6), 0);
-  ASSERT_EQ(DBCloseFile(h), 0);
+  std::string path = Make("P.DBF", 6, {2, 6});
   std::vector<uint8_t> original = ReadFileBytes(path);
   ToolRun run = RunTool("pack " + path);
+  int32_t h = -1;
   EXPECT_EQ(run.status, 0);
   EXPECT_EQ(run.out, path + ": 6 records before, 4 after (2 removed); the old file is " +
                          dir_.File("P.BAK") + "\n");
