@@ -1,13 +1,16 @@
-// Helpers shared by the memo tests.
+// Helpers shared by the memo tests: the library around each test, memo text,
+// and one set of calls for both memo formats.
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <ostream>
 #include <random>
 #include <string>
 
 #include "kestrel/kestrel.h"
+#include "runtime/memory.h"
 #include "support/temp_dir.h"
 
 namespace kestrel::test {
@@ -15,8 +18,15 @@ namespace kestrel::test {
 // Starts and stops the library around each test.
 class MemoTest : public ::testing::Test {
  protected:
-  void SetUp() override { ASSERT_EQ(DBInitialize(60, 0), 0); }
-  void TearDown() override { DBTerminate(); }
+  void SetUp() override {
+    DBErrorLog(0, nullptr);
+    ASSERT_EQ(DBInitialize(60, 0), 0);
+    DBSetLockRetryCount(0);
+  }
+  void TearDown() override {
+    kestrel::testing::FailAllocation(0);
+    DBTerminate();
+  }
   TempDir dir_;
 };
 
@@ -58,5 +68,53 @@ inline std::string GetFpt(int32_t handle, uint32_t block, int32_t* rc) {
   if (*rc < 0 || !data) return {};
   return std::string(data, length);
 }
+
+// A memo layout and the calls of its format.
+struct Layout {
+  const char* name;
+  bool fpt;
+  int32_t dialect;  // DBT: the memo dialect; FPT: the table dialect (8)
+  int32_t arg;      // DBT: blocks of 512 (dBASE IV); FPT: the block size code
+
+  std::string Extension() const { return fpt ? ".fpt" : ".dbt"; }
+  int32_t Create(const std::string& path) const {
+    return fpt ? DBfpCreateMemo(path.c_str(), arg) : DBxbCreateMemo(path.c_str(), arg, dialect);
+  }
+  int32_t Open(int32_t* h, const std::string& path, int32_t mode = 0) const {
+    return fpt ? DBfpOpenMemo(h, path.c_str(), mode)
+               : DBxbOpenMemo(h, path.c_str(), dialect | mode);
+  }
+  int32_t Close(int32_t h) const { return fpt ? DBfpCloseMemo(h) : DBxbCloseMemo(h); }
+  // Appends (or with DB_MEMO_REPLACE replaces the memo at *block).
+  int32_t Put(int32_t h, uint32_t* block, const std::string& text, int32_t mode = 0) const {
+    return fpt ? DBfpPutMemoRecord(h, block, text.data(), static_cast<uint32_t>(text.size()), 0,
+                                   mode)
+               : DBxbPutMemoRecord(h, block, text.c_str(), mode);
+  }
+  std::string Get(int32_t h, uint32_t block, int32_t* rc) const {
+    return fpt ? GetFpt(h, block, rc) : GetDbt(h, block, rc);
+  }
+  int32_t Lock(int32_t h) const { return fpt ? DBfpLockMemo(h) : DBxbLockMemo(h); }
+  int32_t Unlock(int32_t h) const { return fpt ? DBfpUnLockMemo(h) : DBxbUnLockMemo(h); }
+  int32_t Zap(int32_t h) const { return fpt ? DBfpZapMemo(h) : DBxbZapMemo(h); }
+  int32_t Pack(int32_t table, int32_t* h) const {
+    return fpt ? DBfpPackMemo(table, h) : DBxbPackMemo(table, h);
+  }
+  // Where the next memo goes, the block size, whether this handle holds the
+  // lock, and the DB_MEMO_ATTR_* bits.
+  struct State {
+    uint32_t next_free, block_size;
+    int32_t locked, attributes;
+  };
+  State StateOf(int32_t h) const {
+    DBFPMEMOINFO f{};
+    DBXBMEMOINFO x{};
+    EXPECT_EQ(fpt ? DBfpGetMemoInfo(h, &f) : DBxbGetMemoInfo(h, &x), 0);
+    return fpt ? State{f.next_free, f.block_size, f.locked, f.attributes}
+               : State{x.next_free, static_cast<uint32_t>(x.block_size), x.locked, x.attributes};
+  }
+};
+
+inline void PrintTo(const Layout& l, std::ostream* out) { *out << l.name; }
 
 }  // namespace kestrel::test
