@@ -187,6 +187,35 @@ class WorkFile {
   bool kept_ = false;
 };
 
+// The memo lock a pack takes: given back on every way out before the old
+// memo file is closed (closing gives it back too), unless the caller held it
+// already.
+template <class Memo>
+class PackMemoLock {
+ public:
+  PackMemoLock(Memo& memo, int32_t (*lock)(Memo&), int32_t (*unlock)(Memo&))
+      : memo_(&memo), lock_(lock), unlock_(unlock), held_before_(memo.locked) {}
+  ~PackMemoLock() {
+    if (!memo_ || held_before_ || !memo_->locked) return;
+    // The failure's status is kept; the file services report the current
+    // status on success, so the unlock starts from a clean one.
+    int32_t code = ErrorCode();
+    Succeed();
+    unlock_(*memo_);
+    SetErrorCode(code);
+  }
+  PackMemoLock(const PackMemoLock&) = delete;
+  PackMemoLock& operator=(const PackMemoLock&) = delete;
+  int32_t Take() { return lock_(*memo_); }
+  void Closed() { memo_ = nullptr; }
+
+ private:
+  Memo* memo_;
+  int32_t (*lock_)(Memo&);
+  int32_t (*unlock_)(Memo&);
+  bool held_before_;
+};
+
 // Replaces the memo file by the work file, keeping the old one as backup.
 int32_t SwapFiles(const char* memo_name, const char* work_name, const char* backup,
                   ModulePath module) {
@@ -215,7 +244,8 @@ int32_t PackDbt(int32_t table, int32_t* memo_handle) {
   TableLock table_lock(view);
   rc = table_lock.Take();
   if (rc < 0) return KS_PASS(module, rc);
-  rc = DbtLock(*old_memo);
+  PackMemoLock<DbtMemo> memo_lock(*old_memo, DbtLock, DbtUnlock);
+  rc = memo_lock.Take();
   if (rc < 0) return KS_PASS(module, rc);
 
   // 1. Copy the live memos into a work file.
@@ -244,20 +274,21 @@ int32_t PackDbt(int32_t table, int32_t* memo_handle) {
   if (rc < 0) return rc;
   work_file.Close();
 
-  // 2. Swap the files and reopen.
+  // 2. Swap the files, point the records at the new blocks, reopen.  The
+  // records follow the swap at once: a reopen that fails then leaves the
+  // table and the packed file agreeing, with only the handle to open again.
   int32_t switches = old_memo->switches;
+  memo_lock.Closed();
   DbtClose(*memo_handle);
   *memo_handle = -1;
   Succeed();
   work_file.Keep();
   rc = SwapFiles(memo_name.data(), work_name.data(), backup.data(), module);
   if (rc < 0) return rc;
-  rc = DbtOpen(memo_handle, memo_name.data(), switches);
-  if (rc < 0) return KS_PASS(module, rc);
-
-  // 3. Point the records at the new blocks.
   rc = RewriteRecords(view, changes, module);
   if (rc < 0) return rc;
+  rc = DbtOpen(memo_handle, memo_name.data(), switches);
+  if (rc < 0) return KS_PASS(module, rc);
   return Succeed();
 }
 
@@ -275,7 +306,8 @@ int32_t PackFpt(int32_t table, int32_t* memo_handle) {
   TableLock table_lock(view);
   rc = table_lock.Take();
   if (rc < 0) return KS_PASS(module, rc);
-  rc = FptLock(*old_memo);
+  PackMemoLock<FptMemo> memo_lock(*old_memo, FptLock, FptUnlock);
+  rc = memo_lock.Take();
   if (rc < 0) return KS_PASS(module, rc);
 
   Vec<char> memo_name(NameOf(old_memo->name), NameOf(old_memo->name) + old_memo->name.size());
@@ -307,17 +339,19 @@ int32_t PackFpt(int32_t table, int32_t* memo_handle) {
   if (rc < 0) return rc;
   work_file.Close();
 
+  // Swap, records, reopen: in the order the DBT pack gives its reasons for.
   int32_t switches = old_memo->switches;
+  memo_lock.Closed();
   FptClose(*memo_handle);
   *memo_handle = -1;
   Succeed();
   work_file.Keep();
   rc = SwapFiles(memo_name.data(), work_name.data(), backup.data(), module);
   if (rc < 0) return rc;
-  rc = FptOpen(memo_handle, memo_name.data(), switches);
-  if (rc < 0) return KS_PASS(module, rc);
   rc = RewriteRecords(view, changes, module);
   if (rc < 0) return rc;
+  rc = FptOpen(memo_handle, memo_name.data(), switches);
+  if (rc < 0) return KS_PASS(module, rc);
   return Succeed();
 }
 

@@ -182,8 +182,11 @@ TEST_P(PackTest, AllocationFailures) {
   int32_t t = -1, m = -1;
   ASSERT_EQ(DBOpenFile(&t, dbf.c_str(), l.dialect), 0);
   ASSERT_EQ(l.Open(&m, memo), 0);
+  auto text_of = [](int32_t recno) {
+    return std::string(100 + 50 * (recno - 1), static_cast<char>('a' + recno - 1));
+  };
   for (int i = 0; i < 20; ++i) {
-    uint32_t b = PutMemo(m, std::string(100 + 50 * i, static_cast<char>('a' + i)));
+    uint32_t b = PutMemo(m, text_of(i + 1));
     ASSERT_EQ(DBClearBuffer(t), 0);
     ASSERT_EQ(DBPutFieldData(t, 1, &b), 0);
     int32_t recno = 0;
@@ -207,9 +210,21 @@ TEST_P(PackTest, AllocationFailures) {
     kestrel::testing::FailAllocation(0);
     ASSERT_TRUE(rc == 0 || rc == DB_ERR_MEMORY) << rc;
     completed = rc == 0;
+    const bool before_swap = !completed && m >= 0;  // the old handle is still open
     if (m >= 0) l.Close(m);
+    // However far it got, every active record reads its own memo from the
+    // file under the memo's name.
+    ASSERT_EQ(l.Open(&m, memo), 0);
+    for (int32_t recno = 1; recno <= 20; ++recno) {
+      if (recno == 3) continue;
+      ASSERT_GE(DBGetRecord(t, recno), 0);
+      uint32_t b = 0;
+      ASSERT_EQ(DBGetFieldData(t, 1, &b), 0);
+      EXPECT_EQ(GetMemo(m, b), text_of(recno)) << "record " << recno;
+    }
+    l.Close(m);
     DBCloseFile(t);
-    if (!completed && m >= 0) {
+    if (before_swap) {
       // A pack that failed before the swap changed nothing.
       EXPECT_EQ(ReadFileBytes(memo), memo_bytes);
       EXPECT_EQ(ReadFileBytes(dbf), table_bytes);
@@ -218,6 +233,31 @@ TEST_P(PackTest, AllocationFailures) {
     EXPECT_EQ(kestrel::testing::LiveAllocations(), live);
   }
   EXPECT_TRUE(completed);
+}
+
+// A pack that fails before the swap (a directory holds the work file's name)
+// gives back the memo lock it took, and keeps one the caller took itself.
+TEST_P(PackTest, FailedPackGivesBackItsMemoLock) {
+  const Layout& l = GetParam().layout;
+  std::string dbf = dir_.File("g.dbf"), memo = dir_.File("g" + l.Extension());
+  Create(dbf, memo);
+  int32_t t = -1, m = -1, other = -1;
+  ASSERT_EQ(DBOpenFile(&t, dbf.c_str(), l.dialect | DB_OPEN_AUTOLOCK), 0);
+  ASSERT_EQ(l.Open(&m, memo, DB_OPEN_AUTOLOCK), 0);
+  ASSERT_EQ(l.Open(&other, memo, DB_OPEN_AUTOLOCK), 0);
+  std::filesystem::create_directory(dir_.File("0" + l.Extension()));
+  EXPECT_LT(l.Pack(t, &m), 0);
+  ASSERT_GE(m, 0);
+  EXPECT_EQ(l.StateOf(m).locked, 0);
+  uint32_t b = 0;
+  EXPECT_EQ(l.Put(other, &b, "written after the failed pack"), 0);
+  ASSERT_EQ(l.Lock(m), 0);
+  EXPECT_LT(l.Pack(t, &m), 0);
+  EXPECT_EQ(l.StateOf(m).locked, 1);
+  EXPECT_EQ(l.Unlock(m), 0);
+  EXPECT_EQ(l.Close(other), 0);
+  EXPECT_EQ(l.Close(m), 0);
+  EXPECT_EQ(DBCloseFile(t), 0);
 }
 
 }  // namespace
