@@ -151,6 +151,15 @@ int32_t CreateWorkTable(const TableControl* t, const char* work) {
   if (t->header[kHdrProduction] != 0) dialect |= kProductionRequest;
   int32_t rc = DBCreateFile(work, t->field_count, fields, dialect);
   if (rc < 0) return KS_PASS(kDpack, rc);
+  // Creating sets the lengths some types must have (a date 8 bytes, a
+  // logical 1, ...).  A damaged descriptor with another length opens, but
+  // its records cannot be copied byte for byte into that layout.
+  for (uint32_t i = 0; i < t->field_count; ++i) {
+    if (static_cast<uint32_t>(fields[i].length) != t->fields[i].length) {
+      CleanUp([&] { return FileDelete(work); });
+      return KS_FAIL(kDpack, DB_ERR_RECORD_LENGTH);
+    }
+  }
   return 0;
 }
 

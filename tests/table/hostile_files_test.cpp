@@ -1,6 +1,7 @@
 // Damaged and hostile table files, and memory shortage at every allocation:
 // each gives its error, leaves nothing open and nothing allocated.
 #include <cstdio>
+#include <filesystem>
 #include <functional>
 #include <random>
 
@@ -146,6 +147,37 @@ TEST_F(HostileFilesTest, ZeroLengthFieldsStayInsideTheRecord) {
   DBSetErrorCode(0);
   EXPECT_EQ(DBIsFieldBlank(h, 2), 0);  // returns the current code
   DBCloseFile(h);
+}
+
+// A date field whose descriptor says 12 bytes opens (the records follow the
+// descriptors), but a pack cannot make a work table of that layout: it
+// refuses with -232 and leaves the table as it was (found by fuzzing: the
+// copy wrote whole source records into the shorter work records).
+TEST_F(HostileFilesTest, PackRefusesFieldLengthsItCannotRecreate) {
+  const std::string path = Create("ODD.DBF", {Field("NAME", 'C', 5), Field("DAY", 'D')}, 1);
+  std::vector<uint8_t> b = ReadFileBytes(path);
+  b[64 + 16] = 12;  // DAY length 12
+  b[10] = 18;       // record length: flag + C5 + 12
+  WriteFileBytes(path, b);
+  int32_t h = Open(path, 1);
+  for (const char* text : {"one", "two", "three"}) {
+    ASSERT_EQ(DBPutStrField(h, 0, text), 0);
+    int32_t r = 0;
+    ASSERT_EQ(DBPutRecord(h, &r, DB_RECORD_APPEND), 0);
+  }
+  ASSERT_EQ(DBMarkRecordInActive(h, 2), 0);
+  ASSERT_EQ(DBFlushFile(h), 0);
+  const std::vector<uint8_t> before = ReadFileBytes(path);
+  int32_t packed = h;
+  EXPECT_EQ(DBPackFile(&packed), DB_ERR_RECORD_LENGTH);
+  EXPECT_EQ(packed, h);
+  EXPECT_EQ(ReadFileBytes(path), before);
+  EXPECT_FALSE(std::filesystem::exists(std::filesystem::path(path).parent_path() / "0.DBF"));
+  char name[8] = {};
+  ASSERT_EQ(DBGetRecord(h, 3), 0);
+  ASSERT_EQ(DBGetStrField(h, 0, name), 0);
+  EXPECT_STREQ(name, "three");
+  EXPECT_EQ(DBCloseFile(h), 0);
 }
 
 // A damaged deleted-record chain: a head beyond the table is refused, a
