@@ -57,10 +57,15 @@ void Exercise(int32_t h, uint8_t control) {
   if (record.record_length > 0 && record.record_length < 70000) {
     DBGetRecordToBuffer(h, value.data(), records > 0 ? records : 1);
   }
+  // A header may claim hundreds of millions of records the file does not
+  // hold.  Appending then writes far out (a sparse file of that size) and a
+  // pack copies every claimed record: work in proportion to the claim, not
+  // a hang, and too slow for fuzzing, so such tables are only read.
+  const bool modest = records <= 100000;
   DBClearBuffer(h);
   for (int32_t f = 0; f < count; ++f) DBPutStrField(h, f, "1");
   int32_t recno = 0;
-  DBPutRecord(h, &recno, DB_RECORD_APPEND);
+  if (modest) DBPutRecord(h, &recno, DB_RECORD_APPEND);
   recno = 1;
   DBPutRecord(h, &recno, DB_RECORD_REPLACE);
   DBMarkRecordInActive(h, 1);
@@ -69,7 +74,7 @@ void Exercise(int32_t h, uint8_t control) {
   DBGetSetCacheSize(h, &cache, 0);
   DBGetRecord(h, records > 2 ? records - 1 : 1);
   DBFlushFile(h);
-  if (control & 0x80) {
+  if (modest && (control & 0x80)) {
     int32_t packed = h;
     if (DBPackFile(&packed) >= 0) h = packed;
   }
