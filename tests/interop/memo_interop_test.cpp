@@ -5,8 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <fstream>
-#include <sstream>
 
 #include "support/temp_dir.h"
 #include "table_common.h"
@@ -327,19 +325,8 @@ TEST_P(MemoFixtures, ReadThroughTheTable) {
   std::string dbf = CopyFixture(std::string("memo/") + c.table, dir_);
   std::string memo = CopyFixture(std::string("memo/") + c.memo, dir_);
   std::map<int, std::string> expected;
-  std::ifstream in(std::string(KESTREL_TEST_FIXTURES) + "/memo/" + c.expected);
-  std::string line;
-  while (std::getline(in, line)) {
-    std::istringstream fields(line);
-    int recno = 0;
-    uint32_t block = 0;
-    std::string hex;
-    fields >> recno >> block >> hex;
-    std::string text;
-    for (size_t i = 0; i + 1 < hex.size(); i += 2) {
-      text.push_back(static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16)));
-    }
-    expected[recno] = text;
+  for (const ExpectedMemo& m : ReadExpectedMemos(std::string("memo/") + c.expected)) {
+    expected[m.recno] = m.text;
   }
   ASSERT_FALSE(expected.empty());
   int32_t t = -1;

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <fstream>
 #include <map>
 #include <sstream>
 
@@ -17,19 +16,7 @@ namespace {
 
 std::map<int, std::string> ExpectedMemos(const std::string& name) {
   std::map<int, std::string> out;
-  std::ifstream in(std::string(KESTREL_TEST_FIXTURES) + "/memo/" + name);
-  std::string line;
-  while (std::getline(in, line)) {
-    std::istringstream fields(line);
-    int recno = 0;
-    unsigned block = 0;
-    std::string hex, text;
-    fields >> recno >> block >> hex;
-    for (size_t i = 0; i + 1 < hex.size(); i += 2) {
-      text.push_back(static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16)));
-    }
-    out[recno] = text;
-  }
+  for (const ExpectedMemo& m : ReadExpectedMemos("memo/" + name)) out[m.recno] = m.text;
   return out;
 }
 

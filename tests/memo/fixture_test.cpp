@@ -1,9 +1,6 @@
 // Memo files written by other programs read as the expected dumps say (the
 // fixtures with tables of their own are read through the table engine by
 // the interop tests), and block sizes outside the accepted range.
-#include <fstream>
-#include <sstream>
-
 #include "memo_test_util.h"
 
 namespace kestrel::test {
@@ -27,18 +24,9 @@ TEST_F(FixtureTest, MemoFilesOfOtherPrograms) {
     std::string path = CopyFixture(std::string("memo/") + c.file, dir_);
     int32_t h = -1;
     ASSERT_EQ(l.Open(&h, path, DB_OPEN_READONLY), 0);
-    // One line per memo: record number, block, the text in hex.
-    std::ifstream in(std::string(KESTREL_TEST_FIXTURES) + "/memo/" + c.file + ".expected.tsv");
-    size_t rows = 0;
-    for (std::string line; std::getline(in, line); ++rows) {
-      std::istringstream fields(line);
-      int recno = 0;
-      uint32_t block = 0;
-      std::string hex, text;
-      fields >> recno >> block >> hex;
-      for (size_t i = 0; i + 1 < hex.size(); i += 2) {
-        text.push_back(static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16)));
-      }
+    const std::vector<ExpectedMemo> memos =
+        ReadExpectedMemos(std::string("memo/") + c.file + ".expected.tsv");
+    for (const auto& [recno, block, text] : memos) {
       int32_t rc = 0;
       EXPECT_EQ(l.Get(h, block, &rc), text) << "record " << recno;
       EXPECT_EQ(rc, 0);
@@ -48,7 +36,7 @@ TEST_F(FixtureTest, MemoFilesOfOtherPrograms) {
         EXPECT_EQ(type, DB_FPT_TYPE_TEXT) << "record " << recno;
       }
     }
-    EXPECT_EQ(rows, c.rows);
+    EXPECT_EQ(memos.size(), c.rows);
     l.Close(h);
   }
 }

@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <sstream>
 #include <stdexcept>
 
 namespace kestrel::test {
@@ -50,6 +51,22 @@ std::string CopyFixture(const std::string& relative, const TempDir& dir, const s
       dest, std::filesystem::perms::owner_read | std::filesystem::perms::owner_write,
       std::filesystem::perm_options::add);
   return dest;
+}
+
+std::vector<ExpectedMemo> ReadExpectedMemos(const std::string& relative) {
+  std::vector<ExpectedMemo> out;
+  std::ifstream in(std::string(KESTREL_TEST_FIXTURES) + "/" + relative);
+  for (std::string line; std::getline(in, line);) {
+    std::istringstream fields(line);
+    ExpectedMemo memo{0, 0, {}};
+    std::string hex;
+    fields >> memo.recno >> memo.block >> hex;
+    for (size_t i = 0; i + 1 < hex.size(); i += 2) {
+      memo.text.push_back(static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16)));
+    }
+    out.push_back(std::move(memo));
+  }
+  return out;
 }
 
 }  // namespace kestrel::test
