@@ -44,7 +44,7 @@ int32_t ToKey(char* key, T value, int type) {
   return Guarded([&]() -> int32_t {
     if (!key) return KS_FAIL(kNumber, DB_ERR_NULL);
     BinaryToKey(type, &value, reinterpret_cast<uint8_t*>(key));
-    key[BinaryKeyLength(type)] = '\0';
+    key[table::BinaryTypeSize(type)] = '\0';
     return Succeed();
   });
 }

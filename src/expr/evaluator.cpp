@@ -32,6 +32,8 @@
 #include "runtime/handles.h"
 #include "runtime/library_state.h"
 #include "runtime/status.h"
+#include "table/table_format.h"
+#include "table/table_format.h"
 
 namespace kestrel {
 namespace expr {
@@ -68,20 +70,15 @@ int32_t NativeSize(int type) {
   switch (type) {
     case kNumeric:
     case kFloat:
-    case DB_FTYPE_DOUBLE:
       return 8;
-    case DB_FTYPE_FLOAT:
-    case DB_FTYPE_ULONG:
-    case DB_FTYPE_LONG:
     case kMemo:
       return 4;
-    case DB_FTYPE_USHORT:
-    case DB_FTYPE_SHORT:
-      return 2;
     case kLogical:
       return 1;
-    default:
-      return kOtherTypeSize;
+    default: {
+      uint32_t binary = table::BinaryTypeSize(type);
+      return binary > 0 ? static_cast<int32_t>(binary) : kOtherTypeSize;
+    }
   }
 }
 

@@ -32,23 +32,6 @@ constexpr ModulePath kDfput = KS_ENGINE_MODULE("DFPUT");
 
 constexpr uint32_t kNumberText = 260;  // N and F fields are at most 255 bytes long
 
-// Size of the native value of a binary type code.
-uint32_t NativeSize(uint8_t type) {
-  switch (type) {
-    case 1:
-      return 8;
-    case 2:
-    case 3:
-    case 4:
-      return 4;
-    case 5:
-    case 6:
-      return 2;
-    default:
-      return 0;
-  }
-}
-
 // The empty-date template of a date style; nullptr leaves the caller's
 // buffer as it was.
 const char* EmptyDate(int32_t style) {
@@ -287,7 +270,7 @@ int32_t GetValue(const TableControl* t, const FieldInfo& f, void* out) {
       return blank ? DB_WARN_FIELD_EMPTY : 0;
     }
     default: {
-      uint32_t n = NativeSize(f.type);
+      uint32_t n = BinaryTypeSize(f.type);
       if (blank) {
         std::memset(out, 0, n);
         return DB_WARN_FIELD_EMPTY;
@@ -360,7 +343,7 @@ int32_t PutValue(TableControl* t, const FieldInfo& f, const void* in) {
     case 14:
       return 0;
     default: {
-      uint32_t n = NativeSize(f.type);
+      uint32_t n = BinaryTypeSize(f.type);
       std::memcpy(stored, in, n < f.length ? n : f.length);
       return 0;
     }

@@ -73,6 +73,25 @@ inline constexpr uint8_t kVersionFoxMemo = 0xF5;
 inline constexpr int kDialectCount = 10;  // codes 0..9
 inline constexpr int32_t kProductionRequest = 0x200;
 
+// Bytes of the native value of a binary type code (1 double, 2 float, 3 and
+// 4 32-bit integers, 5 and 6 16-bit integers); 0 for any other code.  Binary
+// fields and binary index keys have exactly this length.
+inline constexpr uint32_t BinaryTypeSize(int type) {
+  switch (type) {
+    case 1:
+      return 8;
+    case 2:
+    case 3:
+    case 4:
+      return 4;
+    case 5:
+    case 6:
+      return 2;
+    default:
+      return 0;
+  }
+}
+
 // Dialect families.
 inline bool IsDbase4(int d) { return d == 2; }
 inline bool IsFoxFamily(int d) { return d == 3 || d == 4 || d == 8; }

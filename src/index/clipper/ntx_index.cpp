@@ -150,7 +150,7 @@ int32_t CreateIndex(const char* file_name, int32_t key_type, char* expression, i
   int binary = 0;
   if (type >= 1 && type <= 6) {
     binary = type;
-    key_length = BinaryKeyLength(type);
+    key_length = static_cast<int>(table::BinaryTypeSize(type));
     decimals = 0;
   } else if (type == 'C') {
     if (key_length < 1 || key_length > kMaxKeyLength) return KS_FAIL(kCreate, DB_ERR_KEY_LENGTH);

@@ -14,6 +14,7 @@
 #include "runtime/handles.h"
 #include "runtime/library_state.h"
 #include "runtime/status.h"
+#include "table/table_format.h"
 
 namespace kestrel::ntx {
 
@@ -175,7 +176,6 @@ bool NumericTextToKey(const char* text, int length, int key_length, int decimals
 double KeyToNumeric(const char* key);
 void BinaryToKey(int type, const void* value, uint8_t* key);
 void KeyToBinary(int type, const uint8_t* key, void* value);
-int BinaryKeyLength(int type);
 int32_t DateToKey(char* key, const char* date, int32_t style);
 int32_t KeyToDate(char* date, int32_t style, const char* key);
 // An evaluated value as the index's key (key_length bytes + NUL).

@@ -64,22 +64,6 @@ int PrintFixed17(double value, char* text, size_t size) {
 
 }  // namespace
 
-int BinaryKeyLength(int type) {
-  switch (type) {
-    case 1:
-      return 8;
-    case 2:
-    case 3:
-    case 4:
-      return 4;
-    case 5:
-    case 6:
-      return 2;
-    default:
-      return 0;
-  }
-}
-
 namespace {
 
 // The digits-point-decimals form that other programs of the dialect store:
@@ -373,7 +357,8 @@ int32_t ValueToKey(NtxIndex* ix, const DBEXPRVALUE& v, char* key, ModulePath mod
     case 4:
     case 5:
     case 6: {
-      if (BinaryKeyLength(v.type) != length) return KS_FAIL(module, DB_ERR_KEY_LENGTH);
+      if (table::BinaryTypeSize(v.type) != static_cast<uint32_t>(length))
+        return KS_FAIL(module, DB_ERR_KEY_LENGTH);
       BinaryToKey(v.type, v.value, reinterpret_cast<uint8_t*>(key));
       key[length] = '\0';
       return 0;
