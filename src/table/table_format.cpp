@@ -55,23 +55,16 @@ bool KnownFieldType(uint8_t type) {
 uint32_t ForcedLength(uint8_t type) {
   switch (type) {
     case 'D':
-    case 1:
     case 14:
       return 8;
     case 'L':
       return 1;
     case 'M':
       return 10;
-    case 2:
-    case 3:
-    case 4:
     case 12:
       return 4;
-    case 5:
-    case 6:
-      return 2;
     default:
-      return 0;
+      return BinaryTypeSize(type);
   }
 }
 

@@ -173,6 +173,20 @@ class RunFiles {
   Vec<uint64_t> counts_;
 };
 
+// Writes the n entries of a sorted run, in their sorted order, to a new
+// temporary sort file.
+int32_t SpillRun(const Layout& l, const uint8_t* entries, const Vec<SortKey>& order, uint64_t n,
+                 RunFiles* runs) {
+  Vec<uint8_t> sorted(n * l.entry_size);
+  for (uint64_t i = 0; i < n; ++i) {
+    std::memcpy(sorted.data() + i * l.entry_size,
+                entries + static_cast<size_t>(order[i].index) * l.entry_size, l.entry_size);
+  }
+  int32_t rc = runs->Write(sorted.data(), sorted.size());
+  runs->counts().back() = n;
+  return rc;
+}
+
 // The sorted entries, one at a time: from the single in-memory run, or
 // merged from the run files.
 class SortedStream {
@@ -532,13 +546,7 @@ int32_t BuildIndex(int32_t table, const char* file_name, int32_t key_type, char*
     StoreBE32(e + l.key_length, static_cast<uint32_t>(recno));
     if (++in_run == run_capacity && recno < records) {
       SortRun(l, run.data(), static_cast<uint32_t>(in_run), &order);
-      Vec<uint8_t> sorted(in_run * l.entry_size);
-      for (uint64_t i = 0; i < in_run; ++i) {
-        std::memcpy(sorted.data() + i * l.entry_size, run.data() + order[i].index * l.entry_size,
-                    l.entry_size);
-      }
-      rc = runs.Write(sorted.data(), sorted.size());
-      runs.counts().back() = in_run;
+      rc = SpillRun(l, run.data(), order, in_run, &runs);
       in_run = 0;
     }
     if (progress && progress->report && (recno % kProgressStep == 0 || recno == records)) {
@@ -547,15 +555,7 @@ int32_t BuildIndex(int32_t table, const char* file_name, int32_t key_type, char*
   }
   if (rc >= 0 && in_run > 0) {
     SortRun(l, run.data(), static_cast<uint32_t>(in_run), &order);
-    if (runs.size() > 0) {
-      Vec<uint8_t> sorted(in_run * l.entry_size);
-      for (uint64_t i = 0; i < in_run; ++i) {
-        std::memcpy(sorted.data() + i * l.entry_size, run.data() + order[i].index * l.entry_size,
-                    l.entry_size);
-      }
-      rc = runs.Write(sorted.data(), sorted.size());
-      runs.counts().back() = in_run;
-    }
+    if (runs.size() > 0) rc = SpillRun(l, run.data(), order, in_run, &runs);
   }
   uint64_t keys = static_cast<uint64_t>(records);
   SortedStream stream(l, run.data(), &order, &runs);
