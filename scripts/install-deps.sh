@@ -21,6 +21,17 @@ for p in "${packages[@]}"; do
   fi
 done
 
+# Some kernels are built without 32-bit support: the 32-bit checker then runs
+# under user-mode emulation (the tests fall back to it by themselves). Asked
+# after the install below too, since that is what brings the 32-bit loader.
+needs_emulator() {
+  [ -x /lib/ld-linux.so.2 ] && ! /lib/ld-linux.so.2 --help >/dev/null 2>&1 &&
+    ! dpkg-query -W -f='${Status}' qemu-user 2>/dev/null | grep -q 'install ok installed'
+}
+if needs_emulator; then
+  missing+=(qemu-user)
+fi
+
 if [ ${#missing[@]} -eq 0 ]; then
   exit 0
 fi
@@ -37,3 +48,6 @@ fi
 # the install below fails if a package really cannot be had.
 apt-get update -qq || echo "install-deps: some package lists were not updated" >&2
 apt-get install -y -qq --no-install-recommends "${missing[@]}"
+if needs_emulator; then
+  apt-get install -y -qq --no-install-recommends qemu-user
+fi

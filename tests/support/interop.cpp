@@ -15,6 +15,10 @@
 
 namespace kestrel::test {
 
+namespace {
+constexpr const char* kEmulator = "/usr/bin/qemu-i386";
+}  // namespace
+
 ProcessResult RunProcess(const std::vector<std::string>& argv, int timeout_seconds) {
   ProcessResult result;
   if (argv.empty()) return result;
@@ -36,6 +40,14 @@ ProcessResult RunProcess(const std::vector<std::string>& argv, int timeout_secon
     ::dup2(out_pipe[1], 1);
     ::dup2(err_pipe[1], 2);
     ::execv(args[0], args.data());
+    if (errno == ENOEXEC) {
+      // A 32-bit checker on a kernel built without 32-bit support: run it
+      // under user-mode emulation (scripts/install-deps.sh installs it there).
+      std::vector<char*> emulated = {const_cast<char*>(kEmulator), const_cast<char*>("-L"),
+                                     const_cast<char*>("/")};
+      emulated.insert(emulated.end(), args.begin(), args.end());
+      ::execv(kEmulator, emulated.data());
+    }
     ::_exit(127);
   }
   ::close(out_pipe[1]);
