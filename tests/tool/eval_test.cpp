@@ -2,7 +2,7 @@
 // test table.
 #include <filesystem>
 
-#include "expr_fixture.h"
+#include "expr/expr_fixture.h"
 #include "support/interop.h"
 
 namespace kestrel::test {

@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <filesystem>
 
-#include "sharing_support.h"
+#include "sharing/sharing_support.h"
 
 namespace kestrel::test {
 namespace {

@@ -9,7 +9,7 @@
 #include <sstream>
 
 #include "support/temp_dir.h"
-#include "table_common.h"
+#include "interop/table_common.h"
 
 namespace kestrel::test {
 namespace {

@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "datetime_fixture.h"
+#include "datetime/datetime_fixture.h"
 #include "support/interop.h"
 
 namespace kestrel::test {
