@@ -582,7 +582,7 @@ int32_t BuildIndex(int32_t table, const char* file_name, int32_t key_type, char*
     if (rc >= 0) rc = WriteTree(ix->file, l, stream, keys, &root, &end, progress);
     if (rc >= 0) {
       ix->key->root = root;
-      ix->file_length = end;
+      ix->pages.SetFileLength(end);
       ix->free_head = 0;
       rc = WriteHeaderFields(ix, 1);
     }

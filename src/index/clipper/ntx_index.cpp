@@ -1,5 +1,6 @@
-// Creating, opening and closing .NTX files; the page cache, the header, the
-// index lock, flush, cache size and zap.
+// Creating, opening and closing .NTX files; the page services over the shared
+// page cache (free list, header fields), the index lock, flush, cache size and
+// zap.
 #include "index/clipper/ntx_index.h"
 
 #include <cctype>
@@ -39,86 +40,11 @@ size_t RemoveBlanks(char* text) {
 
 int32_t CloseRoutine(int32_t handle) { return CloseIndex(handle); }
 
-// Moves cache entry k to the front, shifting the entries before it down.
-void MoveToFront(NtxIndex* ix, int k) {
-  if (k == 0) return;
-  CacheEntry e = ix->cache[k];
-  std::memmove(ix->cache + 1, ix->cache, sizeof(CacheEntry) * k);
-  ix->cache[0] = e;
-}
-
-int FindEntry(const NtxIndex* ix, uint32_t offset) {
-  for (int k = 0; k < ix->in_use; ++k) {
-    if (ix->cache[k].offset == offset) return k;
-  }
-  return -1;
-}
-
-// Empties entry k, which is in use, and moves it behind the entries in use.
-void DropEntry(NtxIndex* ix, int k) {
-  CacheEntry e = ix->cache[k];
-  e.offset = 0;
-  e.state = 0;
-  int last = ix->in_use - 1;
-  std::memmove(ix->cache + k, ix->cache + k + 1, sizeof(CacheEntry) * (last - k));
-  ix->cache[last] = e;
-  --ix->in_use;
-}
-
-void UnmapView(NtxIndex* ix) {
-  FileUnmapView(ix->view, ix->view_size);
-  ix->view = nullptr;
-  ix->view_size = 0;
-  ix->view_tried = 0;
-}
-
-constexpr uint64_t kMinViewBytes = 8 * kPageSize;
-constexpr uint64_t kViewHeadroom = 64 * kPageSize;
-
-// Maps the file of an index no other process can change or shorten.  Below a
-// few pages a view saves nothing.  The view reaches beyond the end of the
-// file, so that the pages an update adds are found in it too; only bytes
-// below file_length (which this process extends itself) are ever read.
-void MapView(NtxIndex* ix) {
-  UnmapView(ix);
-  ix->view_tried = ix->file_length;
-  if (IsShared(ix) || ix->file_length < kMinViewBytes) return;
-  uint64_t size = ix->file_length + ix->file_length / 4 + kViewHeadroom;
-  size = (size + kPageSize - 1) / kPageSize * kPageSize;
-  FileMapView(ix->file, size, &ix->view);
-  if (ix->view) ix->view_size = size;
-}
-
-// True when the page at offset can be copied from the view, which is mapped
-// again when the file has grown past it.
-bool InView(NtxIndex* ix, uint32_t offset) {
-  uint64_t end = static_cast<uint64_t>(offset) + kPageSize;
-  if (end > ix->file_length) return false;
-  if (end > ix->view_size && !IsShared(ix) && ix->file_length > ix->view_tried) MapView(ix);
-  return ix->view && end <= ix->view_size;
-}
-
-int32_t WritePage(NtxIndex* ix, const CacheEntry& e) {
-  int32_t rc = FileWriteAt(ix->file, e.offset, e.buffer, kPageSize, ix->write_mode);
-  if (rc < 0) return KS_FAIL(kCache, rc);
-  return 0;
-}
-
 }  // namespace
 
 NtxIndex::~NtxIndex() {
-  UnmapView(this);
   MemFree(file_name);
-  if (key) {
-    MemFree(key->path);
-    MemFree(key->current_key);
-    MemFree(key->expression);
-    MemFree(key);
-  }
-  if (cache) {
-    for (int i = 0; i < buffers; ++i) MemFree(cache[i].buffer);
-    MemFree(cache);
-  }
+  Delete(key);
 }
 
 int32_t SelectIndex(int32_t handle, NtxIndex** index, ModulePath module) {
@@ -127,15 +53,9 @@ int32_t SelectIndex(int32_t handle, NtxIndex** index, ModulePath module) {
   return 0;
 }
 
-void ForgetPosition(NtxIndex* ix) { ix->key->level = kNoLevel; }
+void ForgetPosition(NtxIndex* ix) { ix->key->path.Forget(); }
 
-void EmptyCache(NtxIndex* ix) {
-  for (int k = 0; k < ix->in_use; ++k) {
-    ix->cache[k].offset = 0;
-    ix->cache[k].state = 0;
-  }
-  ix->in_use = 0;
-}
+void EmptyCache(NtxIndex* ix) { ix->pages.Empty(); }
 
 // ---------------------------------------------------------------- create
 
@@ -202,21 +122,18 @@ int32_t CreateIndex(const char* file_name, int32_t key_type, char* expression, i
 
 namespace {
 
-int32_t AllocateCache(NtxIndex* ix, int wanted) {
-  ix->cache = static_cast<CacheEntry*>(MemAlloc(sizeof(CacheEntry) * kInitialCacheCapacity));
-  if (!ix->cache) return KS_FAIL(kOpen, DB_ERR_MEMORY);
-  ix->capacity = kInitialCacheCapacity;
-  for (int i = 0; i < wanted; ++i) {
-    uint8_t* b = static_cast<uint8_t*>(MemAlloc(kPageSize));
-    if (!b) break;
-    ix->cache[i].buffer = b;
-    ++ix->buffers;
-  }
-  if (ix->buffers < kMinBuffers) return KS_FAIL(kOpen, DB_ERR_MEMORY);
+int32_t AllocateCache(NtxIndex* ix, uint64_t file_length) {
+  ix->page_format.max_items = ix->key->max_items;
+  ix->page_format.item_size = ix->key->item_size;
+  int wanted = IsWriteThrough(ix) ? kWriteThroughBuffers : kDefaultBuffers;
+  int32_t rc =
+      ix->pages.Open(ix->file, file_length, kPageSize, kPageSize, &ix->page_format, kCache,
+                     ix->write_mode, !IsShared(ix), kInitialCacheCapacity, wanted, kMinBuffers);
+  if (rc < 0) return KS_FAIL(kOpen, rc);
   return 0;
 }
 
-int32_t FillFromHeader(NtxIndex* ix, const uint8_t* h) {
+int32_t FillFromHeader(NtxIndex* ix, const uint8_t* h, uint64_t file_length) {
   int key_length = LoadLE16(h + kHdrKeyLength);
   int item_size = LoadLE16(h + kHdrItemSize);
   uint32_t root = LoadLE32(h + kHdrRoot);
@@ -224,7 +141,7 @@ int32_t FillFromHeader(NtxIndex* ix, const uint8_t* h) {
   int half = LoadLE16(h + kHdrHalfPage);
   if (key_length < 1 || key_length > kMaxKeyLength) return KS_FAIL(kOpen, DB_ERR_KEY_LENGTH);
   if (item_size != key_length + kItemOverhead) return KS_FAIL(kOpen, DB_ERR_ITEM_LENGTH);
-  if (root < kPageSize || root >= ix->file_length || root % kPageSize != 0)
+  if (root < kPageSize || root >= file_length || root % kPageSize != 0)
     return KS_FAIL(kOpen, DB_ERR_ROOT_PAGE);
   if (max_items != MaxItemsFor(key_length)) return KS_FAIL(kOpen, DB_ERR_MAX_KEYS);
   if (half != max_items / 2) return KS_FAIL(kOpen, DB_ERR_MIN_KEYS);
@@ -233,7 +150,7 @@ int32_t FillFromHeader(NtxIndex* ix, const uint8_t* h) {
   if (expr_length >= static_cast<size_t>(kExpressionSize))
     return KS_FAIL(kOpen, DB_ERR_BAD_EXPRESSION);
 
-  KeyDescriptor* k = static_cast<KeyDescriptor*>(MemAlloc(sizeof(KeyDescriptor)));
+  KeyDescriptor* k = New<KeyDescriptor>();
   if (!k) return KS_FAIL(kOpen, DB_ERR_MEMORY);
   ix->key = k;
   k->root = root;
@@ -246,25 +163,11 @@ int32_t FillFromHeader(NtxIndex* ix, const uint8_t* h) {
   if (h[kHdrDescending]) k->flags |= kFlagDescending;
   uint16_t binary = LoadLE16(h + kHdrBinaryType);
   k->binary_type = binary <= 6 ? static_cast<uint8_t>(binary) : 0;
-  k->level = kNoLevel;
-  k->current_key = static_cast<uint8_t*>(MemAlloc(key_length + 1));
   k->expression = static_cast<char*>(MemAlloc(expr_length + 1));
-  if (!k->current_key || !k->expression) return KS_FAIL(kOpen, DB_ERR_MEMORY);
+  if (!k->path.Allocate(index::PathStack::DepthFor(half), key_length) || !k->expression)
+    return KS_FAIL(kOpen, DB_ERR_MEMORY);
   std::memcpy(k->expression, stored, expr_length);
   NormaliseExpression(k->expression);
-
-  // Depth of the path stack: enough levels for 2^31 keys at minimum fill.
-  int64_t b = half + 1;
-  int64_t limit = 2147483647 / b;
-  int64_t product = 1;
-  int depth = 1;
-  while (product < limit) {
-    product *= b;
-    ++depth;
-  }
-  k->path = static_cast<PathEntry*>(MemAlloc(sizeof(PathEntry) * depth));
-  if (!k->path) return KS_FAIL(kOpen, DB_ERR_MEMORY);
-  k->depth = static_cast<uint16_t>(depth);
   ix->version = LoadLE16(h + kHdrVersion);
   ix->free_head = LoadLE32(h + kHdrFreeList);
   return 0;
@@ -303,17 +206,16 @@ int32_t OpenIndex(int32_t* handle, const char* file_name, int32_t open_mode) {
     rc = KS_PASS(kOpen, rc);
   }
   uint8_t header[kHeaderReadSize];
+  uint64_t file_length = 0;
   if (rc >= 0) {
-    uint64_t size = 0;
-    rc = FileSize(ix->file, &size);
+    rc = FileSize(ix->file, &file_length);
     if (rc < 0) rc = KS_PASS(kOpen, rc);
-    ix->file_length = size;
   }
   if (rc >= 0) {
     rc = FileReadAt(ix->file, 0, header, kHeaderReadSize);
     if (rc < 0) rc = KS_FAIL(kOpen, rc);
   }
-  if (rc >= 0) rc = FillFromHeader(ix, header);
+  if (rc >= 0) rc = FillFromHeader(ix, header, file_length);
   if (rc >= 0) {
     size_t n = std::strlen(file_name);
     ix->file_name = static_cast<char*>(MemAlloc(n + 1));
@@ -323,15 +225,14 @@ int32_t OpenIndex(int32_t* handle, const char* file_name, int32_t open_mode) {
       std::memcpy(ix->file_name, file_name, n);
     }
   }
-  if (rc >= 0) rc = AllocateCache(ix, IsWriteThrough(ix) ? kWriteThroughBuffers : kDefaultBuffers);
-  if (rc >= 0) MapView(ix);
+  if (rc >= 0) rc = AllocateCache(ix, file_length);
   if (rc < 0) {
     if (ix->file != kNoFile) FileClose(ix->file);
     ReleaseHandle(*handle);
     *handle = -1;
     return SetErrorCode(rc);
   }
-  if (ix->file_length % kPageSize != 0) return SetErrorCode(DB_WARN_FILE_LENGTH);
+  if (file_length % kPageSize != 0) return SetErrorCode(DB_WARN_FILE_LENGTH);
   return Succeed();
 }
 
@@ -351,7 +252,7 @@ int32_t CloseIndex(int32_t handle) {
     FileLock(ix->file, 1, kLockOffset, kLockLength);
     ix->lock_state = 0;
   }
-  UnmapView(ix);
+  ix->pages.Unmap();
   FileClose(ix->file);
   ReleaseHandle(handle);
   return SetErrorCode(result);
@@ -360,77 +261,20 @@ int32_t CloseIndex(int32_t handle) {
 // ------------------------------------------------------------ page cache
 
 int32_t LoadPage(NtxIndex* ix, uint32_t offset, uint8_t** page, PageUse use) {
-  if (!ValidPageOffset(offset, ix->file_length)) return KS_FAIL(kCache, DB_ERR_SEEK);
-  const KeyDescriptor* k = ix->key;
-  int found = FindEntry(ix, offset);
-  if (found >= 0) {
-    CacheEntry& e = ix->cache[found];
-    if (use == PageUse::kTree && !(e.state & kEntryValidated)) {
-      if (!PageLayoutValid(e.buffer, k->max_items, k->item_size, false)) {
-        return KS_FAIL(kCache, DB_ERR_CORRUPTED);
-      }
-      e.state |= kEntryValidated;
-    }
-    MoveToFront(ix, found);
-    *page = ix->cache[0].buffer;
-    return 0;
-  }
-  int slot = ix->in_use < ix->buffers ? ix->in_use : ix->buffers - 1;
-  CacheEntry& e = ix->cache[slot];
-  if (slot < ix->in_use && (e.state & kEntryChanged)) {
-    int32_t rc = WritePage(ix, e);
-    if (rc < 0) return rc;
-    e.state &= ~kEntryChanged;
-  }
-  bool was_in_use = slot < ix->in_use;
-  if (use == PageUse::kFresh) {
-    InitPage(e.buffer, k->max_items, k->item_size);
-  } else {
-    int32_t rc = 0;
-    if (InView(ix, offset)) {
-      // The view shows the file as it is now, this process's writes included.
-      std::memcpy(e.buffer, ix->view + offset, kPageSize);
-    } else {
-      rc = FileReadAt(ix->file, offset, e.buffer, kPageSize);
-    }
-    bool bad = false;
-    if (rc >= 0) {
-      bad = !PageLayoutValid(e.buffer, k->max_items, k->item_size, use == PageUse::kFree);
-    }
-    if (rc < 0 || bad) {
-      e.offset = 0;
-      e.state = 0;
-      if (was_in_use) --ix->in_use;  // the evicted entry was the last in use
-      return KS_FAIL(kCache, rc < 0 ? DB_ERR_READ : DB_ERR_CORRUPTED);
-    }
-  }
-  e.offset = offset;
-  e.state = kEntryInUse | (use == PageUse::kFree ? 0 : kEntryValidated);
-  if (!was_in_use) ++ix->in_use;
-  MoveToFront(ix, slot);
-  *page = ix->cache[0].buffer;
-  return 0;
+  return ix->pages.Load(offset, page, use);
 }
 
 int32_t MarkChanged(NtxIndex* ix, uint32_t offset) {
   if (ix->state & kStateReadOnly) return KS_FAIL(kCache, DB_ERR_READ_ONLY);
-  if (!ValidPageOffset(offset, ix->file_length)) return KS_FAIL(kCache, DB_ERR_SEEK);
-  if (ix->in_use == 0) return KS_FAIL(kCache, DB_ERR_NO_PAGES);
-  int k = FindEntry(ix, offset);
-  if (k < 0) return KS_FAIL(kCache, DB_ERR_PAGE_NOT_LOADED);
-  CacheEntry& e = ix->cache[k];
-  if (!IsWriteThrough(ix)) {
-    e.state |= kEntryChanged;
-    ix->header_changed = 1;
-    return 0;
+  index::WriteRule rule = index::WriteRule::kHold;
+  if (IsWriteThrough(ix)) {
+    // Unlocked, another process may change the page as soon as it is written.
+    rule = IsShared(ix) && ix->lock_state != kLockHeld ? index::WriteRule::kWriteAndDrop
+                                                       : index::WriteRule::kWriteAndKeep;
   }
-  int32_t rc = WritePage(ix, e);
+  int32_t rc = ix->pages.MarkChanged(offset, rule);
   if (rc < 0) return rc;
-  if (IsShared(ix) && ix->lock_state != kLockHeld) {
-    DropEntry(ix, k);
-  } else {
-    e.state = kEntryInUse | (e.state & kEntryValidated);
-  }
+  if (rule == index::WriteRule::kHold) ix->header_changed = 1;
   return 0;
 }
 
@@ -448,12 +292,8 @@ int32_t AllocatePage(NtxIndex* ix, uint32_t* offset, uint8_t** page) {
   int32_t rc;
   uint32_t at;
   if (ix->free_head == 0) {
-    uint64_t end = (ix->file_length + kPageSize - 1) / kPageSize * kPageSize;
-    if (end + kPageSize > 0xFFFFFFFFull) return KS_FAIL(kCache, DB_ERR_WRITE);
-    at = static_cast<uint32_t>(end);
-    rc = FileTruncate(ix->file, end + kPageSize);
-    if (rc < 0) return KS_FAIL(kCache, rc);
-    ix->file_length = end + kPageSize;
+    rc = ix->pages.Extend(&at);
+    if (rc < 0) return rc;
     rc = LoadPage(ix, at, page, PageUse::kFresh);
     if (rc < 0) return rc;
   } else {
@@ -461,7 +301,7 @@ int32_t AllocatePage(NtxIndex* ix, uint32_t* offset, uint8_t** page) {
     rc = LoadPage(ix, at, page, PageUse::kFree);
     if (rc < 0) return rc;
     uint32_t next = ItemChild(Item(*page, 0));
-    if (next != 0 && (!ValidPageOffset(next, ix->file_length) || next == at)) {
+    if (next != 0 && (!ix->pages.ValidOffset(next) || next == at)) {
       return KS_FAIL(kCache, DB_ERR_CORRUPTED);
     }
     ix->free_head = next;
@@ -470,7 +310,7 @@ int32_t AllocatePage(NtxIndex* ix, uint32_t* offset, uint8_t** page) {
       if (rc < 0) return rc;
     }
     InitPage(*page, ix->key->max_items, ix->key->item_size);
-    ix->cache[0].state |= kEntryValidated;
+    ix->pages.SetCurrentValidated();
   }
   *offset = at;
   ix->header_changed = 1;
@@ -514,10 +354,8 @@ int32_t FlushIndex(NtxIndex* ix, bool explicit_flush) {
       if (rc < 0) return KS_PASS(kOpen, rc);
       locked_here = true;
     }
-    for (int k = 0; k < ix->in_use && rc >= 0; ++k) {
-      // The marks stay set: such pages are written again at the next flush.
-      if (ix->cache[k].state & kEntryChanged) rc = WritePage(ix, ix->cache[k]);
-    }
+    // The marks stay set: such pages are written again at the next flush.
+    rc = ix->pages.WriteChanged(true);
     if (rc >= 0) rc = WriteHeaderFields(ix, static_cast<uint16_t>(ix->version + 1));
     if (rc >= 0) ix->header_changed = 0;
     if (locked_here) FileLock(ix->file, 1, kLockOffset, kLockLength);
@@ -544,12 +382,10 @@ int32_t RereadHeader(NtxIndex* ix) {
   uint32_t free_head = LoadLE32(b + 6);
   if (!ValidPageOffset(root, size)) return KS_FAIL(kOpen, DB_ERR_ROOT_PAGE);
   bool changed = version != ix->version || root != ix->key->root || free_head != ix->free_head ||
-                 size != ix->file_length;
+                 size != ix->pages.file_length();
   if (changed) {
     // Another process rewrote the index: pages held here may be stale.
-    bool dirty = false;
-    for (int k = 0; k < ix->in_use; ++k) dirty |= (ix->cache[k].state & kEntryChanged) != 0;
-    if (!dirty) {
+    if (!ix->pages.HasChanges()) {
       EmptyCache(ix);
       if (!IsWriteThrough(ix)) ForgetPosition(ix);
     }
@@ -557,7 +393,7 @@ int32_t RereadHeader(NtxIndex* ix) {
   ix->version = version;
   ix->key->root = root;
   ix->free_head = free_head;
-  ix->file_length = size;
+  ix->pages.SetFileLength(size);
   return 0;
 }
 
@@ -589,50 +425,22 @@ int32_t UnlockIndex(NtxIndex* ix) {
 int32_t CacheSize(NtxIndex* ix, int32_t* count, int32_t operation) {
   if (!count) return KS_FAIL(kCache, DB_ERR_NULL);
   if (operation == 1) {
-    *count = ix->buffers;
+    *count = ix->pages.buffers();
     return 0;
   }
   if (operation != 0) return KS_FAIL(kCache, DB_ERR_INVALID_COMMAND);
   if (IsWriteThrough(ix)) return 0;
   int32_t wanted = *count;
   if (wanted < kMinBuffers || wanted > 65535) return KS_FAIL(kCache, DB_ERR_INVALID_COMMAND);
-  if (wanted < ix->buffers) {
+  if (wanted < ix->pages.buffers()) {
     if (!(ix->state & kStateReadOnly)) {
       int32_t rc = FlushIndex(ix, false);
       if (rc < 0) return KS_PASS(kCache, rc);
     }
-    for (int i = wanted; i < ix->buffers; ++i) {
-      MemFree(ix->cache[i].buffer);
-      ix->cache[i] = CacheEntry{};
-    }
-    ix->buffers = static_cast<uint16_t>(wanted);
-    if (ix->in_use > wanted) ix->in_use = static_cast<uint16_t>(wanted);
+    ix->pages.Shrink(wanted);
     return 0;
   }
-  if (wanted > ix->capacity) {
-    auto* grown = static_cast<CacheEntry*>(MemAlloc(sizeof(CacheEntry) * wanted));
-    if (!grown) {
-      *count = ix->buffers;
-      return DB_WARN_PARTIAL_MEMORY;
-    }
-    std::memcpy(grown, ix->cache, sizeof(CacheEntry) * ix->capacity);
-    MemFree(ix->cache);
-    ix->cache = grown;
-    ix->capacity = static_cast<uint16_t>(wanted);
-  }
-  while (ix->buffers < wanted) {
-    uint8_t* b = static_cast<uint8_t*>(MemAlloc(kPageSize));
-    if (!b) {
-      *count = ix->buffers;
-      return DB_WARN_PARTIAL_MEMORY;
-    }
-    ix->cache[ix->buffers].buffer = b;
-    ix->cache[ix->buffers].offset = 0;
-    ix->cache[ix->buffers].state = 0;
-    ++ix->buffers;
-  }
-  *count = ix->buffers;
-  return 0;
+  return ix->pages.Grow(count);
 }
 
 // ------------------------------------------------------------------- zap
@@ -657,11 +465,11 @@ int32_t ZapIndex(NtxIndex* ix) {
     if (rc < 0) rc = KS_FAIL(kZap, rc);
   }
   if (rc >= 0) {
-    UnmapView(ix);  // the file shrinks below the view
+    ix->pages.Unmap();  // the file shrinks below the view
     rc = FileTruncate(ix->file, 2 * kPageSize);
     if (rc < 0) rc = KS_PASS(kZap, rc);
   }
-  if (rc >= 0) ix->file_length = 2 * kPageSize;
+  if (rc >= 0) ix->pages.SetFileLength(2 * kPageSize);
   EmptyCache(ix);
   ForgetPosition(ix);
   ix->key->remember = 0;

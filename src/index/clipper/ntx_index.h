@@ -11,8 +11,11 @@
 #include <cstdint>
 
 #include "index/clipper/ntx_format.h"
+#include "index/common/page_cache.h"
+#include "index/common/path_stack.h"
 #include "runtime/handles.h"
 #include "runtime/library_state.h"
+#include "runtime/memory.h"
 #include "runtime/status.h"
 #include "table/table_format.h"
 
@@ -30,13 +33,10 @@ inline constexpr uint16_t kFlagUnique = 128;
 inline constexpr uint16_t kFlagDescending = 256;
 
 inline constexpr uint8_t kLockHeld = 4;
-inline constexpr uint16_t kNoLevel = 65535;
 
-// Cache entry states.
-inline constexpr uint8_t kEntryChanged = 2;
-inline constexpr uint8_t kEntryInUse = 32;
-// Internal: the page's layout was checked as a tree page.
-inline constexpr uint8_t kEntryValidated = 0x80;
+using index::kNoLevel;
+using index::PageUse;
+using index::PathEntry;
 
 inline constexpr int kInitialCacheCapacity = 10;
 inline constexpr int kDefaultBuffers = 10;
@@ -51,56 +51,45 @@ inline constexpr int32_t kBeforeStart = 0x10001;
 inline constexpr int32_t kNumericIntegerDigits = 0;
 inline constexpr int32_t kNumericWithDecimals = 1;
 
-struct PathEntry {
-  uint32_t page;  // page offset
-  int32_t pos;    // item position within the page
-};
-
-struct CacheEntry {
-  uint32_t offset;  // page offset, 0 when empty
-  uint8_t* buffer;  // the 1024-byte page
-  uint8_t state;    // kEntryChanged | kEntryInUse | kEntryValidated
+// The page layout the shared cache checks pages against.
+struct NtxPageFormat final : index::PageFormat {
+  uint16_t max_items = 0;
+  uint16_t item_size = 0;
+  bool Valid(const uint8_t* page, PageUse use) const override {
+    return PageLayoutValid(page, max_items, item_size, use == PageUse::kFree);
+  }
+  void LayOutEmpty(uint8_t* page) const override { InitPage(page, max_items, item_size); }
 };
 
 struct KeyDescriptor {
-  uint32_t root;            // root page offset
-  PathEntry* path;          // one entry per level, root first
-  uint16_t depth;           // entries allocated in path
-  uint8_t* current_key;     // key_length + 1 bytes: last remembered key
-  uint32_t current_record;  // record of the last remembered key
-  char* expression;         // own copy, blanks removed, upper case
-  uint16_t level;           // current level; kNoLevel = no position
-  uint16_t remember;        // search-remember flag
-  uint16_t flags;           // kFlagUnique | kFlagDescending
-  uint16_t half_page;       // minimum keys of a non-root page
-  uint16_t max_items;       // maximum keys of a page
-  uint16_t decimals;        // decimal places of a numeric key
-  uint16_t key_length;      // key bytes
-  uint16_t item_size;       // key_length + 8
-  uint8_t binary_type;      // 0, or 1..6 for binary keys
+  ~KeyDescriptor() { MemFree(expression); }
+
+  uint32_t root;          // root page offset
+  index::PathStack path;  // the position, and the last key and record handed out
+  char* expression;       // own copy, blanks removed, upper case
+  uint16_t remember;      // search-remember flag
+  uint16_t flags;         // kFlagUnique | kFlagDescending
+  uint16_t half_page;     // minimum keys of a non-root page
+  uint16_t max_items;     // maximum keys of a page
+  uint16_t decimals;      // decimal places of a numeric key
+  uint16_t key_length;    // key bytes
+  uint16_t item_size;     // key_length + 8
+  uint8_t binary_type;    // 0, or 1..6 for binary keys
 };
 
 struct NtxIndex : ControlBlock {
-  uint32_t state;          // kState* flags
-  FileHandle file;         // file services handle
-  int32_t write_mode;      // flush word handed to page writes
-  char* file_name;         // as given to the open
-  uint8_t lock_state;      // kLockHeld while this process holds the lock
-  uint32_t free_head;      // first free page (header offset 8)
-  uint64_t file_length;    // bytes, kept current as pages are added
-  KeyDescriptor* key;      // owned
-  CacheEntry* cache;       // cache entries, most recently used first
-  uint16_t buffers;        // page buffers allocated
-  uint16_t in_use;         // entries holding a page
-  uint16_t capacity;       // entries in the array
+  uint32_t state;      // kState* flags
+  FileHandle file;     // file services handle
+  int32_t write_mode;  // flush word handed to page writes
+  char* file_name;     // as given to the open
+  uint8_t lock_state;  // kLockHeld while this process holds the lock
+  uint32_t free_head;  // first free page (header offset 8)
+  KeyDescriptor* key;  // owned
+  NtxPageFormat page_format;
+  index::PageCache pages;  // page buffers and the file length
   uint16_t version;        // header offset 2
   uint8_t header_changed;  // header must be rewritten at the next flush
   int32_t numeric_form;    // kNumericIntegerDigits or kNumericWithDecimals
-  // Read-only view of the file (exclusive indexes only); pages missing from
-  // the cache are copied from it instead of read one by one.
-  const uint8_t* view = nullptr;
-  uint64_t view_size = 0;   // bytes mapped (may reach past the end of file)
-  uint64_t view_tried = 0;  // file length at the last mapping attempt
 
   ~NtxIndex() override;
 };
@@ -119,7 +108,6 @@ int32_t CacheSize(NtxIndex* ix, int32_t* count, int32_t operation);
 int32_t ZapIndex(NtxIndex* ix);
 
 // ---- page services ----
-enum class PageUse { kTree, kFree, kFresh };
 // Makes the page current (cache entry 0) and returns its buffer.
 int32_t LoadPage(NtxIndex* ix, uint32_t offset, uint8_t** page, PageUse use = PageUse::kTree);
 // Marks a cached page changed (or writes it at once when write-through).

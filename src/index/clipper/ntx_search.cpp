@@ -23,14 +23,12 @@ int32_t LoadLevel(NtxIndex* ix, int lvl, uint8_t** page, ModulePath module) {
 // Pushes a child page one level down at position pos and loads it.  A tree
 // deeper than the path stack, or an empty page below the root, is corrupt.
 int32_t Descend(NtxIndex* ix, uint32_t child, int pos, uint8_t** page, ModulePath module) {
-  KeyDescriptor& k = Key(ix);
-  int next = k.level + 1;
-  if (next >= k.depth) return KS_FAIL(module, DB_ERR_CORRUPTED);
+  index::PathStack& path = Key(ix).path;
+  if (!path.CanPush()) return KS_FAIL(module, DB_ERR_CORRUPTED);
   int32_t rc = LoadPage(ix, child, page);
   if (rc < 0) return KS_PASS(module, rc);
   if (PageCount(*page) == 0) return KS_FAIL(module, DB_ERR_CORRUPTED);
-  k.level = static_cast<uint16_t>(next);
-  k.path[next] = PathEntry{child, pos};
+  path.Push(child, pos);
   return 0;
 }
 
@@ -42,8 +40,7 @@ int32_t StartAtRoot(NtxIndex* ix, uint8_t** page, ModulePath module) {
     ForgetPosition(ix);
     return KS_PASS(module, rc);
   }
-  k.level = 0;
-  k.path[0] = PathEntry{k.root, 0};
+  k.path.StartAt(k.root);
   if (PageCount(*page) == 0) return DB_WARN_FILE_EMPTY;
   return 0;
 }
@@ -58,9 +55,7 @@ void CopyOut(const NtxIndex* ix, const uint8_t* key, uint32_t record, char* key_
 }
 
 void Remember(NtxIndex* ix, const uint8_t* key, uint32_t record) {
-  std::memcpy(ix->key->current_key, key, ix->key->key_length);
-  ix->key->current_key[ix->key->key_length] = 0;
-  ix->key->current_record = record;
+  ix->key->path.Remember(key, record);
 }
 
 bool SharedWriteThrough(const NtxIndex* ix) { return IsShared(ix) && IsWriteThrough(ix); }
@@ -91,11 +86,11 @@ int32_t PrepareSearchKey(const NtxIndex* ix, const char* key, uint8_t* work, Sea
 
 int32_t CurrentItem(NtxIndex* ix, const uint8_t** key, uint32_t* record, ModulePath module) {
   KeyDescriptor& k = Key(ix);
-  if (k.level == kNoLevel) return DB_WARN_KEY_NOT_FOUND;
+  if (k.path.level == kNoLevel) return DB_WARN_KEY_NOT_FOUND;
   uint8_t* page = nullptr;
-  int32_t rc = LoadLevel(ix, k.level, &page, module);
+  int32_t rc = LoadLevel(ix, k.path.level, &page, module);
   if (rc < 0) return rc;
-  int pos = k.path[k.level].pos;
+  int pos = k.path[k.path.level].pos;
   if (pos < 0 || pos >= PageCount(page)) return kPastEnd;
   const uint8_t* item = Item(page, pos);
   *key = ItemKey(item);
@@ -124,10 +119,10 @@ int32_t GoLast(NtxIndex* ix, ModulePath module) {
     int n = PageCount(page);
     uint32_t child = ItemChild(Item(page, n));
     if (child == 0) {
-      k.path[k.level].pos = n - 1;
+      k.path[k.path.level].pos = n - 1;
       return 0;
     }
-    k.path[k.level].pos = n;
+    k.path[k.path.level].pos = n;
     rc = Descend(ix, child, 0, &page, module);
     if (rc < 0) return rc;
   }
@@ -135,9 +130,9 @@ int32_t GoLast(NtxIndex* ix, ModulePath module) {
 
 int32_t NextKeyStep(NtxIndex* ix, ModulePath module) {
   KeyDescriptor& k = Key(ix);
-  if (k.level == kNoLevel) return GoFirst(ix, module);
+  if (k.path.level == kNoLevel) return GoFirst(ix, module);
   uint8_t* page = nullptr;
-  int lvl = k.level;
+  int lvl = k.path.level;
   int32_t rc = LoadLevel(ix, lvl, &page, module);
   if (rc < 0) return rc;
   int pos = ++k.path[lvl].pos;
@@ -157,7 +152,7 @@ int32_t NextKeyStep(NtxIndex* ix, ModulePath module) {
     rc = LoadLevel(ix, lvl, &page, module);
     if (rc < 0) return rc;
     if (k.path[lvl].pos < PageCount(page)) {
-      k.level = static_cast<uint16_t>(lvl);
+      k.path.level = static_cast<uint16_t>(lvl);
       return 0;
     }
   }
@@ -167,9 +162,9 @@ int32_t NextKeyStep(NtxIndex* ix, ModulePath module) {
 
 int32_t PreviousKeyStep(NtxIndex* ix, ModulePath module) {
   KeyDescriptor& k = Key(ix);
-  if (k.level == kNoLevel) return GoLast(ix, module);
+  if (k.path.level == kNoLevel) return GoLast(ix, module);
   uint8_t* page = nullptr;
-  int lvl = k.level;
+  int lvl = k.path.level;
   int32_t rc = LoadLevel(ix, lvl, &page, module);
   if (rc < 0) return rc;
   int pos = k.path[lvl].pos;
@@ -182,10 +177,10 @@ int32_t PreviousKeyStep(NtxIndex* ix, ModulePath module) {
       n = PageCount(page);
       child = ItemChild(Item(page, n));
       if (child == 0) {
-        k.path[k.level].pos = n - 1;
+        k.path[k.path.level].pos = n - 1;
         return 0;
       }
-      k.path[k.level].pos = n;
+      k.path[k.path.level].pos = n;
     }
   }
   if (pos > 0) {
@@ -195,7 +190,7 @@ int32_t PreviousKeyStep(NtxIndex* ix, ModulePath module) {
   while (lvl > 0) {
     --lvl;
     if (--k.path[lvl].pos >= 0) {
-      k.level = static_cast<uint16_t>(lvl);
+      k.path.level = static_cast<uint16_t>(lvl);
       return 0;
     }
   }
@@ -243,7 +238,7 @@ int32_t CoreSearch(NtxIndex* ix, const SearchKey& key, uint32_t record, int mode
   enum Action { kAdvance, kDown, kFound };
   bool entered = true;  // the page was just entered at position 0
   for (;;) {
-    int lvl = k.level;
+    int lvl = k.path.level;
     int n = PageCount(page);
     if (entered) {
       // Every item that sorts before the sought key is stepped over one by
@@ -441,12 +436,12 @@ int32_t Move(NtxIndex* ix, int32_t code, char* key, int32_t* record) {
   int32_t status = 0;
   bool stepping = what == 64 || what == 80;
   if (rc >= 0 && stepping && SharedWriteThrough(ix)) {
-    if (k.current_record == 0) {
+    if (!k.path.HasRemembered()) {
       status = DB_WARN_NO_MORE_KEYS;
       ForgetPosition(ix);
     } else {
-      SearchKey sk{k.current_key, k.key_length};
-      int32_t s = CoreSearch(ix, sk, k.current_record, 2, kSearch);
+      SearchKey sk{k.path.remembered_key(), k.key_length};
+      int32_t s = CoreSearch(ix, sk, k.path.remembered_record(), 2, kSearch);
       if (s < 0)
         rc = s;
       else if (what == 64 && s == DB_WARN_KEY_NOT_FOUND)
@@ -494,7 +489,7 @@ int32_t Move(NtxIndex* ix, int32_t code, char* key, int32_t* record) {
     } else if (c == 0) {
       CopyOut(ix, found, found_record, key, record);
       if (rc == 0 && stepping && k.remember) {
-        bool differs = std::memcmp(found, k.current_key, k.key_length) != 0;
+        bool differs = std::memcmp(found, k.path.remembered_key(), k.key_length) != 0;
         Remember(ix, found, found_record);
         if (differs) rc = DB_WARN_KEY_NOT_FOUND;
       } else if (SharedWriteThrough(ix)) {
@@ -512,17 +507,17 @@ int32_t GetCurrentKey(NtxIndex* ix, char* key, int32_t* record) {
   KeyDescriptor& k = Key(ix);
   int32_t rc = RefreshHeader(ix, kSearch);
   if (rc >= 0 && SharedWriteThrough(ix)) {
-    if (k.current_record == 0) {
+    if (!k.path.HasRemembered()) {
       rc = DB_WARN_KEY_NOT_FOUND;
     } else {
-      SearchKey sk{k.current_key, k.key_length};
-      int32_t s = CoreSearch(ix, sk, k.current_record, 2, kSearch);
+      SearchKey sk{k.path.remembered_key(), k.key_length};
+      int32_t s = CoreSearch(ix, sk, k.path.remembered_record(), 2, kSearch);
       if (s < 0)
         rc = s;
       else if (s != 0)
         rc = DB_WARN_KEY_NOT_FOUND;
     }
-  } else if (rc >= 0 && k.level == kNoLevel) {
+  } else if (rc >= 0 && k.path.level == kNoLevel) {
     rc = DB_WARN_KEY_NOT_FOUND;
   }
   if (rc == 0) {
@@ -550,8 +545,8 @@ int32_t KeyPercent(NtxIndex* ix, int32_t* percent, const char* key, int32_t reco
   double span = 100.0;
   double position = 0.0;
   int32_t result = rc < 0 ? rc : 0;
-  if (rc >= 0 && k.level != kNoLevel) {
-    for (int lvl = 0; lvl <= k.level; ++lvl) {
+  if (rc >= 0 && k.path.level != kNoLevel) {
+    for (int lvl = 0; lvl <= k.path.level; ++lvl) {
       uint8_t* page = nullptr;
       int32_t l = LoadLevel(ix, lvl, &page, kPercent);
       if (l < 0) {
@@ -588,7 +583,7 @@ int32_t KeyAtPercent(NtxIndex* ix, int32_t percent, char* key, int32_t* record) 
       if (i >= n) i = n - 1;
       if (i < 0) i = 0;
       p = ((p * 100 - (i * 10000) / n) * n) / 100;
-      k.path[k.level].pos = static_cast<int32_t>(i);
+      k.path[k.path.level].pos = static_cast<int32_t>(i);
       uint32_t child = ItemChild(Item(page, static_cast<int>(i)));
       if (child == 0) {
         rc = KS_FAIL(kPercent, DB_ERR_CORRUPTED);
@@ -600,7 +595,7 @@ int32_t KeyAtPercent(NtxIndex* ix, int32_t percent, char* key, int32_t* record) 
     int64_t i = static_cast<int64_t>(c) * p / 100;
     if (i >= c) i = c - 1;
     if (i < 0) i = 0;
-    k.path[k.level].pos = static_cast<int32_t>(i);
+    k.path[k.path.level].pos = static_cast<int32_t>(i);
     const uint8_t* item = Item(page, static_cast<int>(i));
     CopyOut(ix, ItemKey(item), ItemRecord(item), key, record);
     if (SharedWriteThrough(ix)) Remember(ix, ItemKey(item), ItemRecord(item));

@@ -156,7 +156,7 @@ int32_t SplitPage(NtxIndex* ix, uint32_t offset, int pos, Pending* p) {
 // A new root above the old top of the path, holding the pending item.
 int32_t GrowRoot(NtxIndex* ix, const Pending& p) {
   KeyDescriptor& k = *ix->key;
-  if (k.level + 1 >= k.depth) return KS_FAIL(kAdd, DB_ERR_CORRUPTED);
+  if (!k.path.CanPush()) return KS_FAIL(kAdd, DB_ERR_CORRUPTED);
   uint32_t root = 0;
   uint8_t* page = nullptr;
   int32_t rc = AllocatePage(ix, &root, &page);
@@ -167,9 +167,7 @@ int32_t GrowRoot(NtxIndex* ix, const Pending& p) {
   rc = Changed(ix, root, kAdd);
   if (rc < 0) return rc;
   uint32_t old_top = k.path[0].page;
-  for (int j = k.level + 1; j > 0; --j) k.path[j] = k.path[j - 1];
-  k.path[0] = PathEntry{root, p.left == old_top ? 0 : 1};
-  ++k.level;
+  k.path.PushRoot(root, p.left == old_top ? 0 : 1);
   k.root = root;
   ix->header_changed = 1;
   return 0;
@@ -177,7 +175,7 @@ int32_t GrowRoot(NtxIndex* ix, const Pending& p) {
 
 int32_t InsertAtPath(NtxIndex* ix, Pending* p, int pos, bool* split) {
   KeyDescriptor& k = *ix->key;
-  int lvl = k.level;
+  int lvl = k.path.level;
   for (;;) {
     uint32_t offset = k.path[lvl].page;
     uint8_t* page = nullptr;
@@ -193,7 +191,7 @@ int32_t InsertAtPath(NtxIndex* ix, Pending* p, int pos, bool* split) {
     rc = SplitPage(ix, offset, pos, p);
     if (rc < 0) return rc;
     if (lvl == 0) {
-      k.level = 0;
+      k.path.level = 0;
       return GrowRoot(ix, *p);
     }
     --lvl;
@@ -220,19 +218,18 @@ int32_t AddKey(NtxIndex* ix, const char* key, uint32_t record, bool insert) {
   }
   int pos = 0;
   if (rc == DB_WARN_FILE_EMPTY) {
-    k.level = 0;
-    k.path[0] = PathEntry{k.root, 0};
+    k.path.StartAt(k.root);
   } else {
     uint8_t* page = nullptr;
-    int32_t l = Load(ix, k.path[k.level].page, &page, kAdd);
+    int32_t l = Load(ix, k.path[k.path.level].page, &page, kAdd);
     if (l < 0) return EndChange(ix, l, false, locked_here, kAdd);
-    pos = k.path[k.level].pos;
+    pos = k.path[k.path.level].pos;
     if (rc == kPastEnd) {
       ++pos;
     } else if (ItemChild(Item(page, pos)) != 0) {
       l = PreviousKeyStep(ix, kAdd);
       if (l < 0) return EndChange(ix, l, false, locked_here, kAdd);
-      pos = k.path[k.level].pos + 1;
+      pos = k.path[k.path.level].pos + 1;
     }
   }
   p.record = record;
@@ -352,7 +349,7 @@ int32_t DeleteKey(NtxIndex* ix, const char* key, uint32_t record) {
   if (rc == kPastEnd) rc = DB_WARN_KEY_NOT_FOUND;
   if (rc != 0) return EndChange(ix, rc, false, locked_here, kDelete);
 
-  int lvl = k.level;
+  int lvl = k.path.level;
   int pos = k.path[lvl].pos;
   uint8_t* page = nullptr;
   rc = Load(ix, k.path[lvl].page, &page, kDelete);
@@ -364,23 +361,22 @@ int32_t DeleteKey(NtxIndex* ix, const char* key, uint32_t record) {
     // leaf below it) takes its place, and the removal moves to that leaf.
     uint32_t inner_offset = k.path[lvl].page;
     for (;;) {
-      if (k.level + 1 >= k.depth)
+      if (!k.path.CanPush())
         return EndChange(ix, KS_FAIL(kDelete, DB_ERR_CORRUPTED), true, locked_here, kDelete);
       rc = Load(ix, child, &page, kDelete);
       if (rc < 0) return EndChange(ix, rc, true, locked_here, kDelete);
       int n = PageCount(page);
       if (n == 0)
         return EndChange(ix, KS_FAIL(kDelete, DB_ERR_CORRUPTED), true, locked_here, kDelete);
-      ++k.level;
-      k.path[k.level] = PathEntry{child, n};
+      k.path.Push(child, n);
       child = ItemChild(Item(page, n));
       if (child == 0) {
-        k.path[k.level].pos = n - 1;
+        k.path[k.path.level].pos = n - 1;
         break;
       }
     }
     uint8_t predecessor[kMaxKeyLength];
-    const uint8_t* last = Item(page, k.path[k.level].pos);
+    const uint8_t* last = Item(page, k.path[k.path.level].pos);
     uint32_t predecessor_record = ItemRecord(last);
     std::memcpy(predecessor, ItemKey(last), k.key_length);
     rc = Load(ix, inner_offset, &page, kDelete);
@@ -391,7 +387,7 @@ int32_t DeleteKey(NtxIndex* ix, const char* key, uint32_t record) {
       rc = Changed(ix, inner_offset, kDelete);
     }
     if (rc < 0) return EndChange(ix, rc, true, locked_here, kDelete);
-    lvl = k.level;
+    lvl = k.path.level;
     pos = k.path[lvl].pos;
   }
 
@@ -413,7 +409,7 @@ int32_t DeleteKey(NtxIndex* ix, const char* key, uint32_t record) {
     if (rc < 0) return EndChange(ix, rc, true, locked_here, kDelete);
     if (rc == 0) break;
     --lvl;
-    k.level = static_cast<uint16_t>(lvl);
+    k.path.level = static_cast<uint16_t>(lvl);
   }
 
   rc = Load(ix, k.root, &page, kDelete);
