@@ -25,6 +25,11 @@ constexpr ModulePath kMake = KS_ENGINE_MODULE("CKMAKE");
 constexpr ModulePath kInfo = KS_ENGINE_MODULE("CINFO");
 constexpr ModulePath kExpr = KS_ENGINE_MODULE("CEXPR");
 
+// State bits of the index information.
+constexpr int32_t kInfoReadOnly = 1;
+constexpr int32_t kInfoShared = 2;
+constexpr int32_t kInfoWriteThrough = 4;
+
 int32_t Finish(int32_t rc) { return SetErrorCode(rc); }
 
 // Runs body on the selected index with the error code reset.
@@ -118,19 +123,23 @@ KESTREL_API int32_t DBclKeySearch(int32_t handle, char* key, int32_t* record, in
 }
 
 KESTREL_API int32_t DBclGoFirstKey(int32_t handle, char* key, int32_t* record) {
-  return OnIndex(handle, kSearch, [&](NtxIndex* ix) { return Move(ix, 32, key, record); });
+  return OnIndex(handle, kSearch,
+                 [&](NtxIndex* ix) { return Move(ix, index::kMoveFirst, key, record); });
 }
 
 KESTREL_API int32_t DBclGoLastKey(int32_t handle, char* key, int32_t* record) {
-  return OnIndex(handle, kSearch, [&](NtxIndex* ix) { return Move(ix, 48, key, record); });
+  return OnIndex(handle, kSearch,
+                 [&](NtxIndex* ix) { return Move(ix, index::kMoveLast, key, record); });
 }
 
 KESTREL_API int32_t DBclGoNextKey(int32_t handle, char* key, int32_t* record) {
-  return OnIndex(handle, kSearch, [&](NtxIndex* ix) { return Move(ix, 64, key, record); });
+  return OnIndex(handle, kSearch,
+                 [&](NtxIndex* ix) { return Move(ix, index::kMoveNext, key, record); });
 }
 
 KESTREL_API int32_t DBclGoPreviousKey(int32_t handle, char* key, int32_t* record) {
-  return OnIndex(handle, kSearch, [&](NtxIndex* ix) { return Move(ix, 80, key, record); });
+  return OnIndex(handle, kSearch,
+                 [&](NtxIndex* ix) { return Move(ix, index::kMovePrevious, key, record); });
 }
 
 KESTREL_API int32_t DBclGetCurrentKey(int32_t handle, char* key, int32_t* record) {
@@ -253,16 +262,17 @@ KESTREL_API int32_t DBclGetIndexInfo(int32_t handle, DBCLINDEXINFO* info) {
     const KeyDescriptor& k = *ix->key;
     std::memset(info->file_name, 0, sizeof info->file_name);
     std::strncpy(info->file_name, ix->file_name, sizeof info->file_name - 1);
-    int32_t state = info->state & ~7;
-    if (ix->state & kStateReadOnly) state |= 1;
-    if (ix->state & kStateShared) state |= 2;
-    if (ix->state & kStateWriteThrough) state |= 4;
+    int32_t state = info->state & ~(kInfoReadOnly | kInfoShared | kInfoWriteThrough);
+    if (ix->state & kStateReadOnly) state |= kInfoReadOnly;
+    if (ix->state & kStateShared) state |= kInfoShared;
+    if (ix->state & kStateWriteThrough) state |= kInfoWriteThrough;
     info->state = state;
     info->key_length = k.key_length;
     info->key_type = '?';
     int32_t flags = 0;
-    if (k.flags & kFlagUnique) flags |= 128;
-    if ((k.flags & kFlagDescending) || std::strncmp(k.expression, "DESCEND", 7) == 0) flags |= 256;
+    if (k.flags & kFlagUnique) flags |= DB_CL_UNIQUE;
+    if ((k.flags & kFlagDescending) || std::strncmp(k.expression, "DESCEND", 7) == 0)
+      flags |= DB_CL_DESCENDING;
     info->key_flags = flags;
     info->decimals = k.decimals;
     info->lock_state = ix->lock_state;

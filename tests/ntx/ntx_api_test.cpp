@@ -202,6 +202,14 @@ TEST_F(NtxApiTest, SearchModesOnNames) {
   std::strcpy(key, Pad("SMITH", 10).c_str());
   rec = 4;
   EXPECT_EQ(DBclKeySearch(h, key, &rec, 2), DB_WARN_KEY_NOT_FOUND);
+  // It compares the whole key: a shorter text is padded, never a prefix.
+  std::strcpy(key, "SM");
+  rec = 3;
+  EXPECT_EQ(DBclKeySearch(h, key, &rec, 2), DB_WARN_KEY_NOT_FOUND);
+  std::strcpy(key, "SMITH");
+  rec = 5;
+  EXPECT_EQ(DBclKeySearch(h, key, &rec, 2), 0);
+  EXPECT_EQ(rec, 5);
   // With the remember bit, walking on reports the first different key.
   std::strcpy(key, "SMITH");
   EXPECT_EQ(DBclKeySearch(h, key, &rec, 1 | DB_CL_REMEMBER), 0);

@@ -99,6 +99,47 @@ TEST_F(NtxDamageTest, OffsetTablePointingOutsideThePage) {
   EXPECT_NE(FileFindings(path_).find("not a permutation"), std::string::npos);
 }
 
+TEST_F(NtxDamageTest, PageThatLostItsCount) {
+  // Each reader must call these files corrupt, not empty or shorter.
+  auto zero_root = good_;
+  StoreLE16(&zero_root[root_], 0);  // the root still names its first child
+  auto cut_root = good_;
+  int n = LoadLE16(&good_[root_]);
+  StoreLE16(&cut_root[root_], static_cast<uint16_t>(n + 1));  // the item after the last child
+  auto cut_leaf = good_;
+  StoreLE32(&cut_leaf[ItemOffset(cut_leaf, root_, n)], 0);  // the last child link lost
+  struct Case {
+    const char* what;
+    const std::vector<uint8_t>& bytes;
+    const char* finding;
+  } cases[] = {
+      {"root count 0", zero_root, "empty root page with a child"},
+      {"root count past its children", cut_root, "unlike item 0"},
+      {"root's last child lost", cut_leaf, "unlike item 0"},
+  };
+  for (const Case& c : cases) {
+    WriteFileBytes(path_, c.bytes);
+    EXPECT_NE(FileFindings(path_).find(c.finding), std::string::npos) << c.what;
+    int32_t h = -1;
+    ASSERT_EQ(DBclOpenIndex(&h, path_.c_str(), 0), 0) << c.what;
+    char key[11] = "K0300";
+    int32_t rec = 0, percent = 0;
+    EXPECT_EQ(DBclGoFirstKey(h, key, &rec), DB_ERR_CORRUPTED) << c.what;
+    EXPECT_EQ(DBclGoLastKey(h, key, &rec), DB_ERR_CORRUPTED) << c.what;
+    EXPECT_EQ(DBclGoNextKey(h, key, &rec), DB_ERR_CORRUPTED) << c.what;
+    EXPECT_EQ(DBclGoPreviousKey(h, key, &rec), DB_ERR_CORRUPTED) << c.what;
+    for (int mode : {1, 2, 11, 12, 13, 14, 15}) {
+      std::strcpy(key, "K0300");
+      EXPECT_EQ(DBclKeySearch(h, key, &rec, mode), DB_ERR_CORRUPTED) << c.what << mode;
+    }
+    EXPECT_EQ(DBclGetKeyPercent(h, &percent, "K0300", 0), DB_ERR_CORRUPTED) << c.what;
+    EXPECT_EQ(DBclGetKeyAtPercent(h, 50, key, &rec), DB_ERR_CORRUPTED) << c.what;
+    EXPECT_EQ(DBclAddKey(h, "NEW", 1000), DB_ERR_CORRUPTED) << c.what;
+    EXPECT_EQ(DBclDeleteKey(h, "K0300", 1), DB_ERR_CORRUPTED) << c.what;
+    DBclCloseIndex(h);
+  }
+}
+
 TEST_F(NtxDamageTest, PathDeeperThanTheStack) {
   // The root's first child pointer names the root itself: a loop downwards.
   auto bad = good_;

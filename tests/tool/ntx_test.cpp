@@ -70,13 +70,26 @@ TEST_F(NtxToolTest, BuildListAndCheck) {
 TEST_F(NtxToolTest, CheckFailsOnADamagedFile) {
   std::string index = dir_.File("name.ntx");
   ASSERT_EQ(Tool({"index", "build", table_, index, "NAME", "--length", "20"}).exit_code, 0);
-  std::vector<uint8_t> bytes = ReadFileBytes(index);
+  const std::vector<uint8_t> good = ReadFileBytes(index);
+  std::vector<uint8_t> bytes = good;
   uint32_t root = LoadLE32(&bytes[4]);
   StoreLE16(&bytes[root], 200);  // more keys than a page holds
   WriteFileBytes(index, bytes);
   ProcessResult r = Tool({"check", index});
   EXPECT_EQ(r.exit_code, 1);
   EXPECT_NE(r.out.find("exceeds the page capacity"), std::string::npos) << r.out;
+  // A root that lost its count but still names a child is not an empty index.
+  bytes = good;
+  StoreLE16(&bytes[root], 0);
+  WriteFileBytes(index, bytes);
+  EXPECT_EQ(Tool({"check", index}).exit_code, 1);
+  for (const auto& args : {std::vector<std::string>{"index", "keys", index},
+                           std::vector<std::string>{"index", "keys", index, "--table", table_}}) {
+    r = Tool(args);
+    EXPECT_EQ(r.exit_code, 1) << r.out;
+    EXPECT_EQ(r.out, "");
+    EXPECT_NE(r.err.find("(-206)"), std::string::npos) << r.err;
+  }
   r = Tool({"check", dir_.File("missing.ntx")});
   EXPECT_EQ(r.exit_code, 1);
 }

@@ -53,6 +53,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <span>
 
 #include "util/coding.h"
 
@@ -95,6 +96,49 @@ inline constexpr int kItemOverhead = 8;
 // The byte-range lock that guards a shared index.
 inline constexpr uint32_t kLockOffset = 1000000000;
 inline constexpr uint32_t kLockLength = 1;
+
+// The header fields, decoded from and encoded to the file's first bytes.
+struct Header {
+  uint16_t signature = kSignatureAscending;
+  uint16_t version = 1;
+  uint32_t root = kPageSize;
+  uint32_t free_head = 0;
+  uint16_t item_size = 0;
+  uint16_t key_length = 0;
+  uint16_t decimals = 0;
+  uint16_t max_items = 0;
+  uint16_t half_page = 0;
+  char expression[kExpressionSize] = {};  // NUL-terminated
+  uint8_t unique = 0;                     // 1 = unique
+  uint8_t descending = 0;                 // 1 = descending
+  uint16_t binary_type = 0;               // 0, or 1..6
+
+  // Reads the fields from the first kHeaderReadSize bytes and checks them in
+  // the order an open reports them: key length -223, item size -224, root
+  // (a page of a file of file_length bytes) -225, maximum items -226, half
+  // page -244, expression terminated -207; a span too short is -202.
+  int32_t DecodeFrom(std::span<const uint8_t> bytes, uint64_t file_length);
+  // Writes the whole header page (kPageSize bytes; the rest zero).
+  void EncodeTo(std::span<uint8_t, kPageSize> bytes) const;
+};
+
+// The fields a flush rewrites (kHdrMutableSize bytes at kHdrMutableOffset).
+struct HeaderFields {
+  uint16_t version;
+  uint32_t root;
+  uint32_t free_head;
+
+  void DecodeFrom(std::span<const uint8_t, kHdrMutableSize> bytes) {
+    version = LoadLE16(&bytes[kHdrVersion - kHdrMutableOffset]);
+    root = LoadLE32(&bytes[kHdrRoot - kHdrMutableOffset]);
+    free_head = LoadLE32(&bytes[kHdrFreeList - kHdrMutableOffset]);
+  }
+  void EncodeTo(std::span<uint8_t, kHdrMutableSize> bytes) const {
+    StoreLE16(&bytes[kHdrVersion - kHdrMutableOffset], version);
+    StoreLE32(&bytes[kHdrRoot - kHdrMutableOffset], root);
+    StoreLE32(&bytes[kHdrFreeList - kHdrMutableOffset], free_head);
+  }
+};
 
 // Maximum keys per page for a key length: (1020 / (key length + 10)) - 1,
 // rounded down to an even number.

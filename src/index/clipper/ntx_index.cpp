@@ -64,9 +64,9 @@ int32_t CreateIndex(const char* file_name, int32_t key_type, char* expression, i
   if (!file_name || !expression) return KS_FAIL(kCreate, DB_ERR_NULL);
   size_t expr_length = RemoveBlanks(expression);
   if (expr_length >= 255) return KS_FAIL(kCreate, DB_ERR_BAD_EXPRESSION);
-  bool unique = (key_type & 128) != 0;
-  bool descending = (key_type & 256) != 0;
-  int type = key_type & ~(128 | 256) & ~32;
+  bool unique = (key_type & kFlagUnique) != 0;
+  bool descending = (key_type & kFlagDescending) != 0;
+  int type = key_type & ~(kFlagUnique | kFlagDescending) & ~kTypeCaseBit;
   int binary = 0;
   if (type >= 1 && type <= 6) {
     binary = type;
@@ -88,21 +88,20 @@ int32_t CreateIndex(const char* file_name, int32_t key_type, char* expression, i
   }
   int max_items = MaxItemsFor(key_length);
   int item_size = key_length + kItemOverhead;
-  uint8_t page[kPageSize] = {};
-  StoreLE16(page + kHdrSignature, descending ? kSignatureDescending : kSignatureAscending);
-  StoreLE16(page + kHdrVersion, 1);
-  StoreLE32(page + kHdrRoot, kPageSize);
-  StoreLE32(page + kHdrFreeList, 0);
-  StoreLE16(page + kHdrItemSize, static_cast<uint16_t>(item_size));
-  StoreLE16(page + kHdrKeyLength, static_cast<uint16_t>(key_length));
-  StoreLE16(page + kHdrDecimals, static_cast<uint16_t>(decimals));
-  StoreLE16(page + kHdrMaxItems, static_cast<uint16_t>(max_items));
-  StoreLE16(page + kHdrHalfPage, static_cast<uint16_t>(max_items / 2));
-  std::memcpy(page + kHdrExpression, expression, expr_length);
-  NormaliseExpression(reinterpret_cast<char*>(page + kHdrExpression));  // upper case
-  page[kHdrUnique] = unique ? 1 : 0;
-  page[kHdrDescending] = descending ? 1 : 0;
-  StoreLE16(page + kHdrBinaryType, static_cast<uint16_t>(binary));
+  Header header;
+  header.signature = descending ? kSignatureDescending : kSignatureAscending;
+  header.item_size = static_cast<uint16_t>(item_size);
+  header.key_length = static_cast<uint16_t>(key_length);
+  header.decimals = static_cast<uint16_t>(decimals);
+  header.max_items = static_cast<uint16_t>(max_items);
+  header.half_page = static_cast<uint16_t>(max_items / 2);
+  std::memcpy(header.expression, expression, expr_length);
+  NormaliseExpression(header.expression);  // upper case
+  header.unique = unique ? 1 : 0;
+  header.descending = descending ? 1 : 0;
+  header.binary_type = static_cast<uint16_t>(binary);
+  uint8_t page[kPageSize];
+  header.EncodeTo(page);
 
   SetErrorCode(0);
   FileHandle file = kNoFile;
@@ -133,43 +132,32 @@ int32_t AllocateCache(NtxIndex* ix, uint64_t file_length) {
   return 0;
 }
 
-int32_t FillFromHeader(NtxIndex* ix, const uint8_t* h, uint64_t file_length) {
-  int key_length = LoadLE16(h + kHdrKeyLength);
-  int item_size = LoadLE16(h + kHdrItemSize);
-  uint32_t root = LoadLE32(h + kHdrRoot);
-  int max_items = LoadLE16(h + kHdrMaxItems);
-  int half = LoadLE16(h + kHdrHalfPage);
-  if (key_length < 1 || key_length > kMaxKeyLength) return KS_FAIL(kOpen, DB_ERR_KEY_LENGTH);
-  if (item_size != key_length + kItemOverhead) return KS_FAIL(kOpen, DB_ERR_ITEM_LENGTH);
-  if (root < kPageSize || root >= file_length || root % kPageSize != 0)
-    return KS_FAIL(kOpen, DB_ERR_ROOT_PAGE);
-  if (max_items != MaxItemsFor(key_length)) return KS_FAIL(kOpen, DB_ERR_MAX_KEYS);
-  if (half != max_items / 2) return KS_FAIL(kOpen, DB_ERR_MIN_KEYS);
-  const char* stored = reinterpret_cast<const char*>(h + kHdrExpression);
-  size_t expr_length = strnlen(stored, kExpressionSize);
-  if (expr_length >= static_cast<size_t>(kExpressionSize))
-    return KS_FAIL(kOpen, DB_ERR_BAD_EXPRESSION);
+int32_t FillFromHeader(NtxIndex* ix, const uint8_t* bytes, uint64_t file_length) {
+  Header h;
+  int32_t rc = h.DecodeFrom(std::span<const uint8_t>(bytes, kHeaderReadSize), file_length);
+  if (rc < 0) return KS_FAIL(kOpen, rc);
+  size_t expr_length = std::strlen(h.expression);
 
   KeyDescriptor* k = New<KeyDescriptor>();
   if (!k) return KS_FAIL(kOpen, DB_ERR_MEMORY);
   ix->key = k;
-  k->root = root;
-  k->item_size = static_cast<uint16_t>(item_size);
-  k->key_length = static_cast<uint16_t>(key_length);
-  k->decimals = LoadLE16(h + kHdrDecimals);
-  k->max_items = static_cast<uint16_t>(max_items);
-  k->half_page = static_cast<uint16_t>(half);
-  if (h[kHdrUnique]) k->flags |= kFlagUnique;
-  if (h[kHdrDescending]) k->flags |= kFlagDescending;
-  uint16_t binary = LoadLE16(h + kHdrBinaryType);
-  k->binary_type = binary <= 6 ? static_cast<uint8_t>(binary) : 0;
+  k->root = h.root;
+  k->item_size = h.item_size;
+  k->key_length = h.key_length;
+  k->decimals = h.decimals;
+  k->max_items = h.max_items;
+  k->half_page = h.half_page;
+  // Other programs mark a descending index by the flag alone (signature 6).
+  if (h.unique) k->flags |= kFlagUnique;
+  if (h.descending) k->flags |= kFlagDescending;
+  k->binary_type = h.binary_type <= 6 ? static_cast<uint8_t>(h.binary_type) : 0;
   k->expression = static_cast<char*>(MemAlloc(expr_length + 1));
-  if (!k->path.Allocate(index::PathStack::DepthFor(half), key_length) || !k->expression)
+  if (!k->path.Allocate(index::PathStack::DepthFor(h.half_page), h.key_length) || !k->expression)
     return KS_FAIL(kOpen, DB_ERR_MEMORY);
-  std::memcpy(k->expression, stored, expr_length);
+  std::memcpy(k->expression, h.expression, expr_length);
   NormaliseExpression(k->expression);
-  ix->version = LoadLE16(h + kHdrVersion);
-  ix->free_head = LoadLE32(h + kHdrFreeList);
+  ix->version = h.version;
+  ix->free_head = h.free_head;
   return 0;
 }
 
@@ -333,9 +321,7 @@ int32_t ReleasePage(NtxIndex* ix, uint32_t offset) {
 
 int32_t WriteHeaderFields(NtxIndex* ix, uint16_t version) {
   uint8_t b[kHdrMutableSize];
-  StoreLE16(b, version);
-  StoreLE32(b + 2, ix->key->root);
-  StoreLE32(b + 6, ix->free_head);
+  HeaderFields{version, ix->key->root, ix->free_head}.EncodeTo(b);
   int32_t rc = FileWriteAt(ix->file, kHdrMutableOffset, b, kHdrMutableSize, ix->write_mode);
   if (rc < 0) return KS_FAIL(kCache, rc);
   ix->version = version;
@@ -377,9 +363,11 @@ int32_t RereadHeader(NtxIndex* ix) {
   uint64_t size = 0;
   rc = FileSize(ix->file, &size);
   if (rc < 0) return KS_PASS(kOpen, rc);
-  uint16_t version = LoadLE16(b);
-  uint32_t root = LoadLE32(b + 2);
-  uint32_t free_head = LoadLE32(b + 6);
+  HeaderFields fields{};
+  fields.DecodeFrom(b);
+  uint16_t version = fields.version;
+  uint32_t root = fields.root;
+  uint32_t free_head = fields.free_head;
   if (!ValidPageOffset(root, size)) return KS_FAIL(kOpen, DB_ERR_ROOT_PAGE);
   bool changed = version != ix->version || root != ix->key->root || free_head != ix->free_head ||
                  size != ix->pages.file_length();

@@ -11,8 +11,10 @@
 #include <cstdint>
 
 #include "index/clipper/ntx_format.h"
+#include "index/common/key_compare.h"
 #include "index/common/page_cache.h"
 #include "index/common/path_stack.h"
+#include "index/common/search_modes.h"
 #include "runtime/handles.h"
 #include "runtime/library_state.h"
 #include "runtime/memory.h"
@@ -28,15 +30,19 @@ inline constexpr uint32_t kStateShared = 4;
 inline constexpr uint32_t kStateAutoLock = 8;
 inline constexpr uint32_t kStateHeaderStale = 32;
 
-// Index flags of the key descriptor.
+// Index flags of the key descriptor, and the same bits of the key type a
+// create is given.
 inline constexpr uint16_t kFlagUnique = 128;
 inline constexpr uint16_t kFlagDescending = 256;
+// Bit of the key type that makes a lower-case type letter count as upper case.
+inline constexpr int32_t kTypeCaseBit = 32;
 
 inline constexpr uint8_t kLockHeld = 4;
 
 using index::kNoLevel;
 using index::PageUse;
 using index::PathEntry;
+using index::SearchKey;
 
 inline constexpr int kInitialCacheCapacity = 10;
 inline constexpr int kDefaultBuffers = 10;
@@ -129,12 +135,9 @@ inline void EndCall(NtxIndex* ix) {
 }
 
 // ---- search and navigation (ntx_search.cpp) ----
-// The sought key prepared for comparison: key_length bytes, compare length.
-struct SearchKey {
-  const uint8_t* bytes;
-  int compare_length;
-};
-int32_t PrepareSearchKey(const NtxIndex* ix, const char* key, uint8_t* work, SearchKey* out);
+// Prepares a caller's key (key length bytes, or for C, D and N keys a shorter
+// text padded with blanks).  kPrefix compares the text's own length.
+void PrepareKey(const NtxIndex* ix, const char* key, index::Match match, SearchKey* out);
 int32_t CoreSearch(NtxIndex* ix, const SearchKey& key, uint32_t record, int mode,
                    ModulePath module);
 int32_t NextKeyStep(NtxIndex* ix, ModulePath module);

@@ -6,6 +6,9 @@
 #include "index/clipper/ntx_index.h"
 
 namespace kestrel::ntx {
+
+using namespace index;  // search modes and move codes
+
 namespace {
 
 constexpr ModulePath kSearch = KS_ENGINE_MODULE("CKSEARCH");
@@ -20,6 +23,13 @@ int32_t LoadLevel(NtxIndex* ix, int lvl, uint8_t** page, ModulePath module) {
   return 0;
 }
 
+// A page is a leaf (no item has a child) or an inner page (every item has
+// one, the last child pointer included).  Comparing the first and the last
+// item catches a count that was cut or lost without reading every item.
+bool ChildrenAgree(const uint8_t* page) {
+  return (ItemChild(Item(page, 0)) != 0) == (ItemChild(Item(page, PageCount(page))) != 0);
+}
+
 // Pushes a child page one level down at position pos and loads it.  A tree
 // deeper than the path stack, or an empty page below the root, is corrupt.
 int32_t Descend(NtxIndex* ix, uint32_t child, int pos, uint8_t** page, ModulePath module) {
@@ -27,7 +37,7 @@ int32_t Descend(NtxIndex* ix, uint32_t child, int pos, uint8_t** page, ModulePat
   if (!path.CanPush()) return KS_FAIL(module, DB_ERR_CORRUPTED);
   int32_t rc = LoadPage(ix, child, page);
   if (rc < 0) return KS_PASS(module, rc);
-  if (PageCount(*page) == 0) return KS_FAIL(module, DB_ERR_CORRUPTED);
+  if (PageCount(*page) == 0 || !ChildrenAgree(*page)) return KS_FAIL(module, DB_ERR_CORRUPTED);
   path.Push(child, pos);
   return 0;
 }
@@ -40,12 +50,16 @@ int32_t StartAtRoot(NtxIndex* ix, uint8_t** page, ModulePath module) {
     ForgetPosition(ix);
     return KS_PASS(module, rc);
   }
+  // An empty index has an empty leaf for its root.  A root without keys that
+  // still names a child has lost its count.
+  bool empty = PageCount(*page) == 0;
+  if (empty ? ItemChild(Item(*page, 0)) != 0 : !ChildrenAgree(*page)) {
+    ForgetPosition(ix);
+    return KS_FAIL(module, DB_ERR_CORRUPTED);
+  }
   k.path.StartAt(k.root);
-  if (PageCount(*page) == 0) return DB_WARN_FILE_EMPTY;
-  return 0;
+  return empty ? DB_WARN_FILE_EMPTY : 0;
 }
-
-int Compare(const uint8_t* a, const uint8_t* b, int n) { return n > 0 ? std::memcmp(a, b, n) : 0; }
 
 void CopyOut(const NtxIndex* ix, const uint8_t* key, uint32_t record, char* key_out,
              int32_t* record_out) {
@@ -69,19 +83,10 @@ int32_t RefreshHeader(NtxIndex* ix, ModulePath module) {
 
 }  // namespace
 
-int32_t PrepareSearchKey(const NtxIndex* ix, const char* key, uint8_t* work, SearchKey* out) {
+void PrepareKey(const NtxIndex* ix, const char* key, index::Match match, SearchKey* out) {
   const KeyDescriptor& k = *ix->key;
-  if (k.binary_type) {
-    std::memcpy(work, key, k.key_length);
-    out->compare_length = k.key_length;
-  } else {
-    size_t n = strnlen(key, k.key_length);
-    std::memcpy(work, key, n);
-    std::memset(work + n, ' ', k.key_length - n);
-    out->compare_length = static_cast<int>(n);
-  }
-  out->bytes = work;
-  return 0;
+  out->Prepare(key, k.key_length, k.binary_type ? index::KeyForm::kBinary : index::KeyForm::kText,
+               match);
 }
 
 int32_t CurrentItem(NtxIndex* ix, const uint8_t** key, uint32_t* record, ModulePath module) {
@@ -203,14 +208,14 @@ namespace {
 // The search stopped on the first item that sorts after the sought key.
 int32_t StopOnItem(NtxIndex* ix, int mode, ModulePath module) {
   switch (mode) {
-    case 1:
-    case 2:
-    case 11:
-    case 12:
-    case 13:
+    case kSeekFirst:
+    case kSeekRecord:
+    case kSeekBelow:
+    case kSeekEqualBelow:
+    case kSeekBefore:
       return DB_WARN_KEY_NOT_FOUND;
-    case 14:
-    case 15: {
+    case kSeekEqualAbove:
+    case kSeekAbove: {
       if (!IsDescending(ix)) return 0;
       int32_t rc = PreviousKeyStep(ix, module);
       if (rc == kBeforeStart) return DB_WARN_KEY_NOT_FOUND;
@@ -228,10 +233,10 @@ int32_t CoreSearch(NtxIndex* ix, const SearchKey& key, uint32_t record, int mode
   KeyDescriptor& k = Key(ix);
   bool descending = IsDescending(ix);
   int equal_mode = mode;
-  if (descending && mode == 11)
-    equal_mode = 15;
-  else if (descending && mode == 15)
-    equal_mode = 11;
+  if (descending && mode == kSeekBelow)
+    equal_mode = kSeekAbove;
+  else if (descending && mode == kSeekAbove)
+    equal_mode = kSeekBelow;
   uint8_t* page = nullptr;
   int32_t rc = StartAtRoot(ix, &page, module);
   if (rc != 0) return rc;
@@ -247,7 +252,7 @@ int32_t CoreSearch(NtxIndex* ix, const SearchKey& key, uint32_t record, int mode
       int lo = 0, hi = n - 1;
       while (lo < hi) {
         int mid = (lo + hi) / 2;
-        int c = Compare(key.bytes, ItemKey(Item(page, mid)), key.compare_length);
+        int c = key.CompareTo(ItemKey(Item(page, mid)));
         if (descending) c = -c;
         if (c > 0)
           lo = mid + 1;
@@ -259,7 +264,7 @@ int32_t CoreSearch(NtxIndex* ix, const SearchKey& key, uint32_t record, int mode
     }
     int i = k.path[lvl].pos;
     const uint8_t* item = Item(page, i);
-    int c = Compare(key.bytes, ItemKey(item), key.compare_length);
+    int c = key.CompareTo(ItemKey(item));
     if (descending) c = -c;
     Action action;
     if (c > 0) {
@@ -268,22 +273,22 @@ int32_t CoreSearch(NtxIndex* ix, const SearchKey& key, uint32_t record, int mode
       action = kDown;
     } else {
       switch (equal_mode) {
-        case 1:
-        case 12:
-        case 13:
-        case 14:
+        case kSeekFirst:
+        case kSeekEqualBelow:
+        case kSeekBefore:
+        case kSeekEqualAbove:
           action = ItemChild(item) ? kDown : kFound;
           break;
-        case 2:
+        case kSeekRecord:
           if (ItemRecord(item) == record)
             action = kFound;
           else
             action = ItemChild(item) ? kDown : kAdvance;
           break;
-        case 11:
+        case kSeekBelow:
           action = kDown;
           break;
-        case 15:
+        case kSeekAbove:
           action = kAdvance;
           break;
         default:
@@ -314,16 +319,16 @@ int32_t CoreSearch(NtxIndex* ix, const SearchKey& key, uint32_t record, int mode
         if (rc != 0) return rc;
         // The key reached is judged as the loop judges an item: one that
         // sorts after the sought key stops the search as a leaf item does.
-        int cn = Compare(key.bytes, found_key, key.compare_length);
+        int cn = key.CompareTo(found_key);
         if (descending) cn = -cn;
         if (cn < 0) return StopOnItem(ix, mode, module);
         if (cn > 0) continue;
-        if (equal_mode == 2) {
+        if (equal_mode == kSeekRecord) {
           if (found_record == record) return 0;
           continue;
         }
-        if (equal_mode == 11) return StopOnItem(ix, mode, module);
-        if (equal_mode == 15) continue;
+        if (equal_mode == kSeekBelow) return StopOnItem(ix, mode, module);
+        if (equal_mode == kSeekAbove) continue;
         return 0;
       }
     }
@@ -350,19 +355,20 @@ int32_t KeySearch(NtxIndex* ix, char* key, int32_t* record, int32_t mode) {
     EndCall(ix);
     return rc;
   }
-  if (mode & 64) {
+  if (mode & kSeekRemember) {
     k.remember = 1;
-    mode &= ~64;
+    mode &= ~kSeekRemember;
   }
-  uint8_t work[kMaxKeyLength + 1];
-  SearchKey sk{};
-  PrepareSearchKey(ix, key, work, &sk);
+  // Only the search for a key and its record takes the whole key: a shorter
+  // text would otherwise find another key that begins with it.
+  SearchKey sk;
+  PrepareKey(ix, key, mode == kSeekRecord ? index::Match::kWhole : index::Match::kPrefix, &sk);
   rc = CoreSearch(ix, sk, static_cast<uint32_t>(*record), mode, kSearch);
   bool ascending = !IsDescending(ix);
   if (rc >= 0) {
     int32_t step;
     switch (mode) {
-      case 1:
+      case kSeekFirst:
         if (rc == DB_WARN_KEY_NOT_FOUND && ascending) {
           step = PreviousKeyStep(ix, kSearch);
           rc = step < 0               ? step
@@ -374,11 +380,11 @@ int32_t KeySearch(NtxIndex* ix, char* key, int32_t* record, int32_t mode) {
           rc = DB_WARN_KEY_NOT_FOUND;
         }
         break;
-      case 2:
+      case kSeekRecord:
         if (rc == kPastEnd) rc = DB_WARN_NO_MORE_KEYS;
         break;
-      case 11:
-      case 12:
+      case kSeekBelow:
+      case kSeekEqualBelow:
         if (rc == DB_WARN_KEY_NOT_FOUND) {
           if (!ascending) {
             rc = 0;
@@ -392,7 +398,7 @@ int32_t KeySearch(NtxIndex* ix, char* key, int32_t* record, int32_t mode) {
           rc = ascending ? 0 : DB_WARN_KEY_NOT_FOUND;
         }
         break;
-      case 13:
+      case kSeekBefore:
         if (rc == DB_WARN_KEY_NOT_FOUND && ascending) {
           step = PreviousKeyStep(ix, kSearch);
           rc = step < 0 ? step : DB_WARN_KEY_NOT_FOUND;
@@ -400,8 +406,8 @@ int32_t KeySearch(NtxIndex* ix, char* key, int32_t* record, int32_t mode) {
           rc = DB_WARN_KEY_NOT_FOUND;
         }
         break;
-      case 14:
-      case 15:
+      case kSeekEqualAbove:
+      case kSeekAbove:
         if (rc == kPastEnd) rc = ascending ? DB_WARN_KEY_NOT_FOUND : 0;
         break;
       default:
@@ -428,25 +434,26 @@ int32_t KeySearch(NtxIndex* ix, char* key, int32_t* record, int32_t mode) {
 int32_t Move(NtxIndex* ix, int32_t code, char* key, int32_t* record) {
   if (!key || !record) return KS_FAIL(kSearch, DB_ERR_NULL);
   KeyDescriptor& k = Key(ix);
-  int what = code & ~1;
-  if (what != 32 && what != 48 && what != 64 && what != 80) {
+  int what = code & ~index::kMoveCodeVariant;
+  if (what != kMoveFirst && what != kMoveLast && what != kMoveNext && what != kMovePrevious) {
     return KS_FAIL(kSearch, DB_ERR_INVALID_COMMAND);
   }
   int32_t rc = RefreshHeader(ix, kSearch);
   int32_t status = 0;
-  bool stepping = what == 64 || what == 80;
+  bool stepping = what == kMoveNext || what == kMovePrevious;
   if (rc >= 0 && stepping && SharedWriteThrough(ix)) {
     if (!k.path.HasRemembered()) {
       status = DB_WARN_NO_MORE_KEYS;
       ForgetPosition(ix);
     } else {
-      SearchKey sk{k.path.remembered_key(), k.key_length};
-      int32_t s = CoreSearch(ix, sk, k.path.remembered_record(), 2, kSearch);
+      SearchKey sk;
+      sk.Use(k.path.remembered_key(), k.key_length);
+      int32_t s = CoreSearch(ix, sk, k.path.remembered_record(), kSeekRecord, kSearch);
       if (s < 0)
         rc = s;
-      else if (what == 64 && s == DB_WARN_KEY_NOT_FOUND)
+      else if (what == kMoveNext && s == DB_WARN_KEY_NOT_FOUND)
         rc = DB_WARN_KEY_NOT_FOUND;
-      else if (what == 80 && s == kPastEnd)
+      else if (what == kMovePrevious && s == kPastEnd)
         rc = DB_WARN_KEY_NOT_FOUND;
       else if (s == DB_WARN_FILE_EMPTY)
         rc = DB_WARN_FILE_EMPTY;
@@ -464,13 +471,13 @@ int32_t Move(NtxIndex* ix, int32_t code, char* key, int32_t* record) {
   }
   int32_t m;
   switch (what) {
-    case 32:
+    case kMoveFirst:
       m = GoFirst(ix, kSearch);
       break;
-    case 48:
+    case kMoveLast:
       m = GoLast(ix, kSearch);
       break;
-    case 64:
+    case kMoveNext:
       m = NextKeyStep(ix, kSearch);
       if (m == kPastEnd) m = DB_WARN_NO_MORE_KEYS;
       break;
@@ -510,8 +517,9 @@ int32_t GetCurrentKey(NtxIndex* ix, char* key, int32_t* record) {
     if (!k.path.HasRemembered()) {
       rc = DB_WARN_KEY_NOT_FOUND;
     } else {
-      SearchKey sk{k.path.remembered_key(), k.key_length};
-      int32_t s = CoreSearch(ix, sk, k.path.remembered_record(), 2, kSearch);
+      SearchKey sk;
+      sk.Use(k.path.remembered_key(), k.key_length);
+      int32_t s = CoreSearch(ix, sk, k.path.remembered_record(), kSeekRecord, kSearch);
       if (s < 0)
         rc = s;
       else if (s != 0)
@@ -538,10 +546,10 @@ int32_t GetCurrentKey(NtxIndex* ix, char* key, int32_t* record) {
 int32_t KeyPercent(NtxIndex* ix, int32_t* percent, const char* key, int32_t record) {
   if (!percent || !key) return KS_FAIL(kPercent, DB_ERR_NULL);
   KeyDescriptor& k = Key(ix);
-  uint8_t work[kMaxKeyLength + 1];
-  SearchKey sk{};
-  PrepareSearchKey(ix, key, work, &sk);
-  int32_t rc = CoreSearch(ix, sk, static_cast<uint32_t>(record), record ? 2 : 1, kPercent);
+  SearchKey sk;
+  PrepareKey(ix, key, record ? index::Match::kWhole : index::Match::kPrefix, &sk);
+  int32_t rc = CoreSearch(ix, sk, static_cast<uint32_t>(record), record ? kSeekRecord : kSeekFirst,
+                          kPercent);
   double span = 100.0;
   double position = 0.0;
   int32_t result = rc < 0 ? rc : 0;

@@ -6,6 +6,9 @@
 #include "index/clipper/ntx_index.h"
 
 namespace kestrel::ntx {
+
+using namespace index;  // search modes
+
 namespace {
 
 constexpr ModulePath kAdd = KS_ENGINE_MODULE("CKADD");
@@ -56,19 +59,6 @@ int32_t EndChange(NtxIndex* ix, int32_t rc, bool changed, bool locked_here, Modu
   EndCall(ix);
   if (rc < 0) ForgetPosition(ix);
   return rc;
-}
-
-// Copies a caller's key into key_length bytes; C, D and N keys shorter than
-// the key length are NUL-terminated texts padded with blanks.
-void CopyKey(const NtxIndex* ix, const char* key, uint8_t* work) {
-  const KeyDescriptor& k = *ix->key;
-  if (k.binary_type) {
-    std::memcpy(work, key, k.key_length);
-    return;
-  }
-  size_t n = strnlen(key, k.key_length);
-  std::memcpy(work, key, n);
-  std::memset(work + n, ' ', k.key_length - n);
 }
 
 void WriteItem(uint8_t* item, uint32_t child, uint32_t record, const uint8_t* key, int key_length) {
@@ -207,13 +197,17 @@ int32_t AddKey(NtxIndex* ix, const char* key, uint32_t record, bool insert) {
   int32_t rc = BeginChange(ix, &locked_here, kAdd);
   if (rc < 0) return EndChange(ix, rc, false, false, kAdd);
   KeyDescriptor& k = *ix->key;
-  Pending p{};
-  CopyKey(ix, key, p.key);
-  int mode = IsUnique(ix) ? 1 : insert ? 2 : IsDescending(ix) ? 11 : 15;
-  SearchKey sk{p.key, k.key_length};
+  SearchKey sk;
+  PrepareKey(ix, key, index::Match::kWhole, &sk);
+  // Unique: the key must not be there.  InsertKey: the key with this record
+  // must not be there.  AddKey: after every equal key.
+  int mode = IsUnique(ix)       ? kSeekFirst
+             : insert           ? kSeekRecord
+             : IsDescending(ix) ? kSeekBelow
+                                : kSeekAbove;
   rc = CoreSearch(ix, sk, record, mode, kAdd);
   if (rc < 0) return EndChange(ix, rc, false, locked_here, kAdd);
-  if (rc == 0 && (mode == 1 || mode == 2)) {
+  if (rc == 0 && (mode == kSeekFirst || mode == kSeekRecord)) {
     return EndChange(ix, DB_WARN_EXISTS, false, locked_here, kAdd);
   }
   int pos = 0;
@@ -232,6 +226,8 @@ int32_t AddKey(NtxIndex* ix, const char* key, uint32_t record, bool insert) {
       pos = k.path[k.path.level].pos + 1;
     }
   }
+  Pending p{};
+  std::memcpy(p.key, sk.bytes(), k.key_length);
   p.record = record;
   bool split = false;
   rc = InsertAtPath(ix, &p, pos, &split);
@@ -334,17 +330,12 @@ int32_t DeleteKey(NtxIndex* ix, const char* key, uint32_t record) {
   int32_t rc = BeginChange(ix, &locked_here, kDelete);
   if (rc < 0) return EndChange(ix, rc, false, false, kDelete);
   KeyDescriptor& k = *ix->key;
-  uint8_t work[kMaxKeyLength + 1];
-  SearchKey sk{};
-  int mode;
-  if (IsUnique(ix)) {
-    PrepareSearchKey(ix, key, work, &sk);
-    mode = 1;
-  } else {
-    CopyKey(ix, key, work);
-    sk = SearchKey{work, k.key_length};
-    mode = 2;
-  }
+  // A unique index finds the key alone, comparing the text given (so a
+  // shorter text removes the first key that begins with it); otherwise the
+  // whole key with this record.
+  SearchKey sk;
+  int mode = IsUnique(ix) ? kSeekFirst : kSeekRecord;
+  PrepareKey(ix, key, IsUnique(ix) ? index::Match::kPrefix : index::Match::kWhole, &sk);
   rc = CoreSearch(ix, sk, record, mode, kDelete);
   if (rc == kPastEnd) rc = DB_WARN_KEY_NOT_FOUND;
   if (rc != 0) return EndChange(ix, rc, false, locked_here, kDelete);
