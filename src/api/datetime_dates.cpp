@@ -10,6 +10,7 @@
 #include "datetime/calendar.h"
 #include "datetime/clock.h"
 #include "datetime/date_styles.h"
+#include "datetime/dates.h"
 #include "kestrel/kestrel_datetime.h"
 #include "runtime/boundary.h"
 #include "runtime/library_state.h"
@@ -35,7 +36,13 @@ void CopyText(char* buffer, const char* text) { std::memcpy(buffer, text, std::s
 // Parses a date string for a composition; a failure is logged where it is
 // found and once more for the composition itself.
 int32_t ParseFor(int line, const char* text, int32_t style, int32_t* y, int32_t* m, int32_t* d) {
-  const int32_t rc = DBStrDateTo3(y, m, d, text, style);
+  int32_t rc = 0;
+  if (!text) {
+    *y = *m = *d = 0;
+    rc = KS_FAIL(kDate, DB_ERR_NULL);
+  } else {
+    rc = TextToDate(y, m, d, text, style);
+  }
   if (rc < 0) LogError(kDate, line, rc);
   return rc;
 }
@@ -108,8 +115,7 @@ KESTREL_API int32_t DBDate3ToStr(char* buffer, int32_t style, int32_t year, int3
                                  int32_t day) {
   return Guarded([&]() -> int32_t {
     if (!buffer) return KS_FAIL(kDate, DB_ERR_NULL);
-    if (!IsValidDate3(year, month, day)) return KS_FAIL(kDate, DB_ERR_INVALID_DATE);
-    return DATE_REPORT(FormatDate(buffer, style, year, month, day));
+    return DateToText(buffer, style, year, month, day);
   });
 }
 
@@ -121,7 +127,7 @@ KESTREL_API int32_t DBStrDateTo3(int32_t* year, int32_t* month, int32_t* day, co
       *year = *month = *day = 0;
       return KS_FAIL(kDate, DB_ERR_NULL);
     }
-    return DATE_REPORT(ParseDate(string, style, year, month, day));
+    return TextToDate(year, month, day, string, style);
   });
 }
 
@@ -178,11 +184,7 @@ KESTREL_API int32_t DBConvertDateStr(char* buffer, int32_t toStyle, const char* 
                                      int32_t fromStyle) {
   return Guarded([&]() -> int32_t {
     if (!buffer) return KS_FAIL(kDate, DB_ERR_NULL);
-    buffer[0] = '\0';
-    int32_t y, m, d;
-    const int32_t rc = PARSE_FOR(string, fromStyle, &y, &m, &d);
-    if (rc != 0) return rc;  // a blank date converts to an empty text
-    return DATE_REPORT(FormatDate(buffer, toStyle, y, m, d));
+    return ConvertDateText(buffer, toStyle, string, fromStyle);
   });
 }
 
@@ -270,7 +272,7 @@ KESTREL_API int32_t DBGetDateStr(char* buffer, int32_t style) {
     if (!buffer) return KS_FAIL(kDate, DB_ERR_NULL);
     buffer[0] = '\0';
     int32_t y, m, d, w;
-    const int32_t rc = DBGetDate3(&y, &m, &d, &w);
+    const int32_t rc = Today(&y, &m, &d, &w);
     if (rc < 0) return KS_PASS(kDate, rc);
     return DATE_REPORT(FormatDate(buffer, style, y, m, d));
   });
@@ -279,13 +281,7 @@ KESTREL_API int32_t DBGetDateStr(char* buffer, int32_t style) {
 KESTREL_API int32_t DBGetDate3(int32_t* year, int32_t* month, int32_t* day, int32_t* weekday) {
   return Guarded([&]() -> int32_t {
     if (!year || !month || !day || !weekday) return KS_FAIL(kDateClock, DB_ERR_NULL);
-    LocalTime now;
-    if (!ReadLocalClock(&now)) return KS_FAIL(kDateClock, DB_ERR_INVALID_DATE);
-    *year = now.year;
-    *month = now.month;
-    *day = now.day;
-    *weekday = now.weekday;
-    return 0;
+    return Today(year, month, day, weekday);
   });
 }
 

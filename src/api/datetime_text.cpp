@@ -10,7 +10,6 @@
 
 #include "kestrel/kestrel_datetime.h"
 #include "runtime/boundary.h"
-#include "runtime/library_state.h"
 #include "runtime/memory.h"
 #include "runtime/status.h"
 #include "text/soundex.h"
@@ -98,7 +97,7 @@ KESTREL_API char* DBstrrtrim(char* text) {
 KESTREL_API char* DBstrtrim(char* text) { return DBstrltrim(DBstrrtrim(text)); }
 
 KESTREL_API const char* DBSoundex(const char* text) {
-  char* result = State().soundex_result;
+  char* result = SoundexResult();
   if (!text) {
     ComputeSoundex("", result);
     KS_FAIL(kSoundex, DB_ERR_NULL);

@@ -27,9 +27,8 @@ constexpr int32_t kMaxSoftLength = 132;
 constexpr int32_t kClipperDialect = 6;
 
 int32_t Lookup(int32_t handle, DbtMemo** memo, ModulePath module) {
-  int32_t rc = CheckHandle(handle, DB_KIND_DBT_MEMO, memo);
-  if (rc < 0) return KS_FAIL(module, rc);
-  return 0;
+  *memo = LookUpHandle<DbtMemo>(handle, DB_KIND_DBT_MEMO, module);
+  return *memo ? 0 : ErrorCode();
 }
 
 // Runs a write under the memo lock: a shared file must be locked by the

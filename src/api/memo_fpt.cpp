@@ -23,9 +23,8 @@ constexpr ModulePath kInfo = KS_ENGINE_MODULE("WINFO");
 constexpr ModulePath kZap = KS_ENGINE_MODULE("WZAP");
 
 int32_t Lookup(int32_t handle, FptMemo** memo, ModulePath module) {
-  int32_t rc = CheckHandle(handle, DB_KIND_FPT_MEMO, memo);
-  if (rc < 0) return KS_FAIL(module, rc);
-  return 0;
+  *memo = LookUpHandle<FptMemo>(handle, DB_KIND_FPT_MEMO, module);
+  return *memo ? 0 : ErrorCode();
 }
 
 // A shared file that this handle has not locked: automatic locking takes

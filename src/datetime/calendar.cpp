@@ -1,8 +1,6 @@
 // Calendar arithmetic: leap years, the month table, day numbers.
 #include "datetime/calendar.h"
 
-#include "runtime/library_state.h"
-
 namespace kestrel {
 
 const char* const kDayNames[7] = {"Sunday",   "Monday", "Tuesday", "Wednesday",
@@ -11,13 +9,19 @@ const char* const kMonthNames[12] = {"January",   "February", "March",    "April
                                      "May",       "June",     "July",     "August",
                                      "September", "October",  "November", "December"};
 
+namespace {
+// Month lengths shared by every date operation; SetFebruaryFor rewrites the
+// February entry for the year in hand before each use.
+int32_t month_lengths[12] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+}  // namespace
+
 bool SetFebruaryFor(int32_t year) {
   const bool leap = IsLeap(year);
-  State().month_lengths[1] = leap ? 29 : 28;
+  month_lengths[1] = leap ? 29 : 28;
   return leap;
 }
 
-int32_t MonthLength(int32_t month) { return State().month_lengths[month - 1]; }
+int32_t MonthLength(int32_t month) { return month_lengths[month - 1]; }
 
 bool IsValidDate3(int32_t year, int32_t month, int32_t day) {
   if (year < 0 || year > kMaxYear || month < 1 || month > 12) return false;

@@ -23,16 +23,16 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "datetime/dates.h"
 #include "expr/evaluate.h"
 #include "expr/parse_entries.h"
 #include "expr/value.h"
-#include "kestrel/kestrel_datetime.h"
 #include "kestrel/kestrel_table.h"
 #include "runtime/boundary.h"
 #include "runtime/handles.h"
 #include "runtime/library_state.h"
 #include "runtime/status.h"
-#include "table/table_format.h"
+#include "table/table_control.h"
 #include "table/table_format.h"
 
 namespace kestrel {
@@ -61,7 +61,20 @@ constexpr int16_t kFloat = 'F';
 constexpr int16_t kLogical = 'L';
 constexpr int16_t kMemo = 'M';
 
-EvaluatorState& Ev() { return State().evaluator; }
+// The evaluator's working state (one evaluation at a time per process).
+// The running sums of nested expressions live on the evaluator's own stack;
+// what is kept here is what a keyword callback must reach.
+struct EvaluatorState {
+  const char* position = nullptr;  // parse position in the expression text
+  int32_t table = -1;              // table handle names are resolved against
+  DBEXPRVALUE current{};           // the value a keyword callback fills
+  int32_t depth = 0;               // nesting of expressions now being parsed
+};
+
+EvaluatorState& Ev() {
+  static EvaluatorState state;
+  return state;
+}
 
 bool IsText(int16_t type) { return type == kCharacter || type == kDate; }
 
@@ -131,18 +144,23 @@ int32_t GetValue(uint16_t* number) {
 
 // ---- Operands ----------------------------------------------------------
 
-int32_t ReadField(int32_t field, Value& out, bool dtoc_argument) {
-  int32_t table = Ev().table;
-  DBFIELD description;
-  int32_t rc = DBGetFieldDescription(table, field, &description);
-  if (rc < 0) return KS_PASS_ON(rc);
-  int type = description.type & 0xFF;
-  int32_t length = description.length < 0 ? 0 : description.length;
+// The table the expression reads, or nullptr when its handle names none
+// (a keyword callback may have closed it).
+table::TableControl* Table() {
+  table::TableControl* t = nullptr;
+  return CheckHandle(Ev().table, DB_KIND_TABLE, &t) < 0 ? nullptr : t;
+}
+
+int32_t ReadField(table::TableControl* t, const table::FieldInfo& f, Value& out,
+                  bool dtoc_argument) {
+  int type = f.type;
+  int32_t length = static_cast<int32_t>(f.length);
   if (length > kMaxValueLength) return KS_BAD();
+  int32_t rc = 0;
 
   if (type == kCharacter) {
     if (!out.Reserve(static_cast<size_t>(length) + 1)) return OutOfMemory(__LINE__);
-    rc = DBGetFieldData(table, field, out.data());
+    rc = table::GetField(t, f, out.data(), false);
     if (rc < 0) return KS_PASS_ON(rc);
     out.data()[length] = '\0';
     out.type = kCharacter;
@@ -153,7 +171,7 @@ int32_t ReadField(int32_t field, Value& out, bool dtoc_argument) {
   if (type == kDate) {
     size_t room = static_cast<size_t>(length > kDateTextSize ? length : kDateTextSize) + 1;
     if (!out.Reserve(room)) return OutOfMemory(__LINE__);
-    rc = DBGetFieldBinary(table, field, out.data());
+    rc = table::GetFieldBytes(t, f, out.data());
     if (rc < 0) return KS_PASS_ON(rc);
     std::memset(out.stored_date, ' ', sizeof out.stored_date);
     std::memcpy(out.stored_date, out.data(),
@@ -169,7 +187,7 @@ int32_t ReadField(int32_t field, Value& out, bool dtoc_argument) {
       return 0;
     }
     std::memset(out.data(), 0, room);
-    rc = DBGetFieldData(table, field, out.data());
+    rc = table::GetField(t, f, out.data(), false);
     if (rc < 0) return KS_PASS_ON(rc);
     out.length = static_cast<int32_t>(strnlen(out.data(), kDateTextSize));
     out.data()[out.length] = '\0';
@@ -180,7 +198,7 @@ int32_t ReadField(int32_t field, Value& out, bool dtoc_argument) {
   size_t room = static_cast<size_t>(size > length ? size : length) + 8;
   if (!out.Reserve(room)) return OutOfMemory(__LINE__);
   std::memset(out.data(), 0, room);
-  rc = DBGetFieldData(table, field, out.data());
+  rc = table::GetField(t, f, out.data(), false);
   if (rc < 0) return KS_PASS_ON(rc);
   out.type = static_cast<int16_t>(type);
   out.length = size;
@@ -216,10 +234,9 @@ int32_t NameOrLiteral(Value& out, bool dtoc_argument) {
     char name[kMaxOperandLength + 1];
     std::memcpy(name, text, n);
     name[n] = '\0';
-    int32_t field;
-    if (DBGetFieldNumber(Ev().table, &field, name) >= 0) {
-      return ReadField(field, out, dtoc_argument);
-    }
+    table::TableControl* t = Table();
+    int32_t field = t ? table::FieldNumberOf(t, name) : -1;
+    if (field >= 0) return ReadField(t, t->fields[field], out, dtoc_argument);
   }
 
   bool numeric = true;
@@ -268,7 +285,7 @@ int32_t AdoptCallbackValue(const DBEXPRVALUE& given, Value& out) {
 int32_t CallKeyword(int32_t index, Value& out) {
   EvaluatorState& ev = Ev();
   // Copy what is needed: the callback may change the registry.
-  const ParseEntry& entry = State().parse_entries.entries[index];
+  const ParseEntry& entry = Registry().entries[index];
   ParseEntryCallback callback = entry.callback;
   bool takes_arguments = entry.name[entry.name_length - 1] == '(';
   ev.position += entry.name_length;
@@ -340,19 +357,19 @@ int32_t ToDbaseDate(Value& value) {
       std::memcpy(copy, raw, kStoredDateLength);
       copy[kStoredDateLength] = '\0';
       int32_t year, month, day;
-      rc = DBStrDateTo3(&year, &month, &day, copy, kDbaseDateStyle);
+      rc = TextToDate(&year, &month, &day, copy, kDbaseDateStyle);
       if (rc < 0) return KS_PASS_ON(rc);
       if (rc == DB_WARN_FILE_EMPTY) {
         std::memset(text, ' ', kStoredDateLength);
       } else {
-        rc = DBDate3ToStr(text, kDbaseDateStyle, year, month, day);
+        rc = DateToText(text, kDbaseDateStyle, year, month, day);
         if (rc < 0) return KS_PASS_ON(rc);
       }
     }
   } else {
     int32_t style = State().default_date_style;
     if (style == kDbaseDateStyle) return 0;
-    rc = DBConvertDateStr(text, kDbaseDateStyle, value.data(), style);
+    rc = ConvertDateText(text, kDbaseDateStyle, value.data(), style);
     if (rc < 0) return KS_PASS_ON(rc);
     if (rc == DB_WARN_FILE_EMPTY) {
       std::memset(text, ' ', kStoredDateLength);
@@ -478,7 +495,7 @@ int32_t Str(Value& out) {
 
 int32_t ParseOperand(Value& out, bool dtoc_argument) {
   const char* text = Ev().position;
-  if (State().parse_entries.count > 0) {
+  if (KeywordCount() > 0) {
     int32_t index = FindParseEntry(text);
     if (index >= 0) return CallKeyword(index, out);
   }

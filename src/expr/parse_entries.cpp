@@ -17,6 +17,11 @@ constexpr int32_t kGrowth = 10;
 // Count and capacity are 16-bit.
 constexpr int32_t kMaxEntries = 32767;
 
+ParseEntryTable& Table() {
+  static ParseEntryTable table;
+  return table;
+}
+
 // Compares entry's name with the text over the name's own length, as
 // unsigned bytes: <0 when the entry sorts before the text, 0 when the text
 // begins with the name, >0 after.  Stops at the first difference, so a
@@ -34,7 +39,7 @@ int Compare(const ParseEntry& entry, const char* text) {
 // Binary search: true with *index the matching entry, or false with *index
 // the position where text would be inserted.
 bool Search(const char* text, int32_t* index) {
-  const ParseEntryTable& table = State().parse_entries;
+  const ParseEntryTable& table = Table();
   int32_t low = 0;
   int32_t high = table.count - 1;
   while (low <= high) {
@@ -55,6 +60,15 @@ bool Search(const char* text, int32_t* index) {
 }
 
 }  // namespace
+
+const ParseEntryTable& Registry() { return Table(); }
+
+void FreeParseEntries() {
+  ParseEntryTable& t = Table();
+  for (int i = 0; i < t.count; ++i) MemFree(t.entries[i].name);
+  MemFree(t.entries);
+  t = ParseEntryTable{};
+}
 
 int32_t FindParseEntry(const char* text) {
   int32_t index;
@@ -78,7 +92,9 @@ int32_t AddParseEntry(const char* name, ParseEntryCallback callback) {
   if (!copy) return KS_FAIL(kEvalx, DB_ERR_MEMORY);
   std::memcpy(copy, name, length);
 
-  ParseEntryTable& table = State().parse_entries;
+  // DBTerminate frees the registry.
+  OnTerminate(&FreeParseEntries);
+  ParseEntryTable& table = Table();
   if (table.count == table.capacity) {
     int32_t capacity = table.capacity == 0 ? kInitialCapacity : table.capacity + kGrowth;
     if (capacity > kMaxEntries) capacity = kMaxEntries;
@@ -102,7 +118,7 @@ int32_t AddParseEntry(const char* name, ParseEntryCallback callback) {
 int32_t DeleteParseEntry(const char* name) {
   if (!name) return KS_FAIL(kEvalx, DB_ERR_NULL);
   int32_t at;
-  ParseEntryTable& table = State().parse_entries;
+  ParseEntryTable& table = Table();
   // Only the keyword of exactly this name: a registered prefix of the name
   // is another keyword and stays.
   if (!Search(name, &at) ||
@@ -119,7 +135,7 @@ int32_t DeleteParseEntry(const char* name) {
 
 int32_t GetEntryName(char* buffer, int32_t index) {
   if (!buffer) return KS_FAIL(kEvalx, DB_ERR_NULL);
-  const ParseEntryTable& table = State().parse_entries;
+  const ParseEntryTable& table = Table();
   if (index < 0 || index >= table.count) return KS_FAIL(kEvalx, DB_WARN_NO_MORE_KEYS);
   const ParseEntry& entry = table.entries[index];
   std::memcpy(buffer, entry.name, static_cast<size_t>(entry.name_length));
@@ -129,7 +145,7 @@ int32_t GetEntryName(char* buffer, int32_t index) {
 
 int32_t GetRegistryInfo(int16_t* count, int32_t* max_length) {
   if (!count || !max_length) return KS_FAIL(kEvalx, DB_ERR_NULL);
-  const ParseEntryTable& table = State().parse_entries;
+  const ParseEntryTable& table = Table();
   *count = table.count;
   if (table.count == 0) return KS_FAIL(kEvalx, DB_WARN_FILE_EMPTY);
   int32_t longest = 0;

@@ -405,7 +405,7 @@ int32_t DbtOpen(int32_t* handle, const char* name, int32_t mode) {
     *handle = -1;
     return code;
   };
-  int32_t switches = NormaliseSwitches(mode);
+  int32_t switches = NormaliseOpenSwitches(mode);
   m->switches = (switches & ~0xFF) | dialect;
   m->dialect = static_cast<uint8_t>(dialect);
   m->attributes = AttributesFor(switches);

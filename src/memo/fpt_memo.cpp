@@ -106,7 +106,7 @@ int32_t FptOpen(int32_t* handle, const char* name, int32_t switches) {
     *handle = -1;
     return code;
   };
-  switches = NormaliseSwitches(switches);
+  switches = NormaliseOpenSwitches(switches);
   int32_t low = switches & 0xFF;
   if (low != 0 && low != 4 && low != 8) return fail(KS_FAIL(kOpen, DB_ERR_VERSION));
   m->switches = switches;

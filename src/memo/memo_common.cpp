@@ -7,12 +7,6 @@
 
 namespace kestrel::memo {
 
-int32_t NormaliseSwitches(int32_t mode) {
-  if (mode & kSwitchAutoLock) mode |= kSwitchShared | kSwitchWriteThrough;
-  if (mode & kSwitchReadOnly) mode &= ~kSwitchAutoLock;
-  return mode;
-}
-
 uint32_t AttributesFor(int32_t switches) {
   uint32_t attributes = kAttrUnbuffered;
   if (switches & kSwitchAutoLock) attributes |= kAttrAutoLock;

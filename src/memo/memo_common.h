@@ -34,10 +34,6 @@ inline constexpr uint32_t kMemoLockLength = 1;
 inline constexpr uint8_t kSoftBreak = 0x8D;
 inline constexpr uint8_t kLineFeed = 0x0A;
 
-// 0x800 adds 0x600 (shared, write-through); with 0x100 the 0x800 is dropped
-// again, keeping what it added.
-int32_t NormaliseSwitches(int32_t mode);
-
 // Attribute bits (besides those FileOpen sets) for a normalised switch word.
 uint32_t AttributesFor(int32_t switches);
 

@@ -11,6 +11,7 @@
 #include "runtime/file_services.h"
 #include "runtime/handles.h"
 #include "runtime/status.h"
+#include "table/table_control.h"
 
 namespace kestrel::memo {
 namespace {
@@ -19,8 +20,6 @@ constexpr ModulePath kDbtPack = KS_ENGINE_MODULE("TPACK");
 constexpr ModulePath kFptPack = KS_ENGINE_MODULE("WPACK");
 
 constexpr int kMemoFieldWidth = 10;
-constexpr uint32_t kTableAttrReadOnly = 0x01;
-constexpr uint32_t kTableAttrShared = 0x04;
 
 // A memo field: its offset in the record.
 struct MemoField {
@@ -57,7 +56,7 @@ void StoreBlock(uint8_t* field, uint32_t block) {
 
 // The table side of a pack: the memo fields and the record buffer.
 struct TableView {
-  int32_t handle;
+  table::TableControl* table;
   bool shared;
   int32_t record_count;
   uint8_t* record;
@@ -65,26 +64,17 @@ struct TableView {
 };
 
 int32_t OpenTableView(int32_t table, TableView& view, ModulePath module) {
-  view.handle = table;
-  DBFILEINFO info{};
-  int32_t rc = DBGetFileInfo(table, &info);
-  if (rc < 0) return KS_PASS(module, rc);
-  if (info.attributes & kTableAttrReadOnly) return KS_FAIL(module, DB_ERR_READ_ONLY);
-  view.shared = (info.attributes & kTableAttrShared) != 0;
-  DBRECORDINFO record{};
-  rc = DBGetRecordInfo(table, &record);
-  if (rc < 0) return KS_PASS(module, rc);
-  view.record = static_cast<uint8_t*>(record.record_buffer);
-  Vec<DBFIELD> fields(static_cast<size_t>(record.field_count > 0 ? record.field_count : 0));
-  int32_t widest = 0;
-  if (!fields.empty()) {
-    rc = DBGetFileDescription(table, &widest, fields.data());
-    if (rc < 0) return KS_PASS(module, rc);
-  }
-  int32_t offset = 1;  // the deletion flag comes first
-  for (const DBFIELD& f : fields) {
-    if ((f.type & 0xFF) == 'M' && f.length == kMemoFieldWidth) view.fields.push_back({offset});
-    offset += f.length;
+  table::TableControl* t = table::LookUp(table, module);
+  if (!t) return ErrorCode();
+  view.table = t;
+  if (t->attributes & kAttrReadOnly) return KS_FAIL(module, DB_ERR_READ_ONLY);
+  view.shared = t->Shared();
+  view.record = t->record;
+  for (uint32_t i = 0; i < t->field_count; ++i) {
+    const table::FieldInfo& f = t->fields[i];
+    if (f.type == 'M' && f.length == kMemoFieldWidth) {
+      view.fields.push_back({static_cast<int32_t>(f.offset)});
+    }
   }
   return 0;
 }
@@ -93,11 +83,11 @@ int32_t OpenTableView(int32_t table, TableView& view, ModulePath module) {
 // and collects the changes.
 template <class Copy>
 int32_t CollectChanges(TableView& view, Vec<Change>& changes, ModulePath module, Copy&& copy) {
-  int32_t rc = DBGetRecordCount(view.handle, &view.record_count);
+  int32_t rc = table::GetRecordCount(view.table, &view.record_count);
   if (rc < 0) return KS_PASS(module, rc);
   if (view.fields.empty()) return 0;
   for (int32_t r = 1; r <= view.record_count; ++r) {
-    rc = DBGetRecord(view.handle, r);
+    rc = table::GetRecord(view.table, nullptr, r);
     if (rc < 0) return KS_PASS(module, rc);
     if (view.record[0] != ' ') continue;
     for (const MemoField& f : view.fields) {
@@ -116,7 +106,7 @@ int32_t RewriteRecords(TableView& view, const Vec<Change>& changes, ModulePath m
   size_t i = 0;
   while (i < changes.size()) {
     int32_t recno = changes[i].recno;
-    int32_t rc = DBGetRecord(view.handle, recno);
+    int32_t rc = table::GetRecord(view.table, nullptr, recno);
     if (rc < 0) return KS_PASS(module, rc);
     bool changed = false;
     for (; i < changes.size() && changes[i].recno == recno; ++i) {
@@ -128,11 +118,11 @@ int32_t RewriteRecords(TableView& view, const Vec<Change>& changes, ModulePath m
     }
     if (changed) {
       int32_t r = recno;
-      rc = DBPutRecord(view.handle, &r, DB_RECORD_REPLACE);
+      rc = table::PutRecord(view.table, nullptr, &r, DB_RECORD_REPLACE);
       if (rc < 0) return KS_PASS(module, rc);
     }
   }
-  int32_t rc = DBFlushFile(view.handle);
+  int32_t rc = table::FlushTable(view.table);
   if (rc < 0) return KS_PASS(module, rc);
   return 0;
 }
@@ -142,13 +132,13 @@ class TableLock {
  public:
   explicit TableLock(const TableView& view) : view_(view) {}
   ~TableLock() {
-    if (held_) DBUnLockAll(view_.handle);
+    if (held_) table::UnlockAll(view_.table);
   }
   TableLock(const TableLock&) = delete;
   TableLock& operator=(const TableLock&) = delete;
   int32_t Take() {
     if (!view_.shared) return 0;
-    int32_t rc = DBLockFile(view_.handle);
+    int32_t rc = table::LockTable(view_.table);
     if (rc < 0) return rc;
     held_ = true;
     return 0;

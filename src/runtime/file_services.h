@@ -29,7 +29,21 @@ inline constexpr uint32_t kAttrReadOnly = 0x01;
 inline constexpr uint32_t kAttrShared = 0x04;
 
 inline constexpr int32_t kModeReadOnly = 0x100;
+inline constexpr int32_t kModeWriteThrough = 0x200;
 inline constexpr int32_t kModeShared = 0x400;
+inline constexpr int32_t kModeAutoLock = 0x800;
+
+// The open switch word of every opener (tables, memo files, every index
+// engine): automatic locking (0x800) brings sharing and write-through
+// (0x600) with it; read-only (0x100) then drops the automatic locking again
+// but keeps the 0x600 it brought.  The order matters: a read-only open with
+// automatic locking is a shared, write-through read-only open.
+constexpr int32_t NormaliseOpenSwitches(int32_t mode) {
+  if (mode & kModeAutoLock) mode |= kModeShared | kModeWriteThrough;
+  if (mode & kModeReadOnly) mode &= ~kModeAutoLock;
+  return mode;
+}
+static_assert(NormaliseOpenSwitches(0x900) == 0x700);
 
 // Opens an existing file; mode bits 0x100 (read-only) and 0x400 (shared).
 // -221 null argument, -214 empty name, -246 refused (logged under INITW32).

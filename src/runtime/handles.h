@@ -7,6 +7,7 @@
 
 #include "runtime/library_state.h"
 #include "runtime/memory.h"
+#include "runtime/status.h"
 
 namespace kestrel {
 
@@ -33,6 +34,19 @@ int32_t CheckHandle(int32_t handle, int kind, T** object) {
   if (rc < 0) return rc;
   *object = static_cast<T*>(State().slots[handle].object);
   return 0;
+}
+
+// The one look-up every entry point starts with: the control block of a
+// handle of `kind`, or nullptr after logging -213 under `module`.
+template <class T>
+T* LookUpHandle(int32_t handle, int kind, ModulePath module) {
+  T* object = nullptr;
+  int32_t rc = CheckHandle<T>(handle, kind, &object);
+  if (rc < 0) {
+    Fail(module, __LINE__, rc);
+    return nullptr;
+  }
+  return object;
 }
 
 // Frees the slot's control block and the slot.

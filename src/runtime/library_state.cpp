@@ -43,20 +43,18 @@ LibraryState& State() {
   return state;
 }
 
-void FreeParseEntries() {
-  ParseEntryTable& t = State().parse_entries;
-  for (int i = 0; i < t.count; ++i) MemFree(t.entries[i].name);
-  MemFree(t.entries);
-  t = ParseEntryTable{};
+void OnTerminate(ResetRoutine routine) {
+  ResetRoutine* routines = State().reset_routines;
+  for (int i = 0; i < kResetRoutineCount; ++i) {
+    if (routines[i] == routine) return;
+    if (!routines[i]) {
+      routines[i] = routine;
+      return;
+    }
+  }
 }
 
-}  // namespace kestrel
-
-using namespace kestrel;
-
-extern "C" {
-
-KESTREL_API int32_t DBInitialize(int32_t count, int32_t flags) {
+int32_t Initialize(int32_t count, int32_t flags) {
   LibraryState& s = State();
   FreeTables(s);
   s.log_switch = 0;
@@ -84,7 +82,7 @@ KESTREL_API int32_t DBInitialize(int32_t count, int32_t flags) {
   return Succeed();
 }
 
-KESTREL_API int32_t DBTerminate(void) {
+int32_t Terminate() {
   LibraryState& s = State();
   for (int i = 0; i < s.slot_count; ++i) {
     uint8_t kind = s.slots[i].kind;
@@ -95,17 +93,13 @@ KESTREL_API int32_t DBTerminate(void) {
     close(i);
   }
   FreeTables(s);
-  FreeParseEntries();
+  for (ResetRoutine routine : s.reset_routines) {
+    if (routine) routine();
+  }
   return Succeed();
 }
 
-KESTREL_API int32_t DBGetErrorCode(void) { return ErrorCode(); }
-
-KESTREL_API int32_t DBSetErrorCode(int32_t code) { return SetErrorCode(code); }
-
-KESTREL_API const char* DBGetErrorStr(void) { return MessageFor(ErrorCode()); }
-
-KESTREL_API int32_t DBErrorLog(int32_t mode, const char* name) {
+int32_t SetErrorLog(int32_t mode, const char* name) {
   LibraryState& s = State();
   // Mode 1 names the file; a missing name is refused before anything changes.
   if (mode == 1 && !name) return KS_FAIL(kInit, DB_ERR_NULL);
@@ -119,10 +113,10 @@ KESTREL_API int32_t DBErrorLog(int32_t mode, const char* name) {
   return ErrorCode();
 }
 
-KESTREL_API int32_t DBGetVersion(char* buffer) {
+int32_t GetVersion(char* buffer) {
   if (!buffer) return KS_FAIL(kInit, DB_ERR_NULL);
   std::memcpy(buffer, kVersionText, sizeof kVersionText);
   return 0;
 }
 
-}  // extern "C"
+}  // namespace kestrel

@@ -1,14 +1,16 @@
-// The library's process-wide state: the one place where mutable globals live.
+// The runtime frame's process-wide state: the handle table, the error code
+// and log, the lock buffer, allocation bookkeeping and the default date
+// style.
 //
 // The state has no lock: callers serialise their calls into the library.
-// Other subsystems keep their process-wide data here too (the keyword
-// registry and the evaluator's working state), so that DBInitialize and
-// DBTerminate see everything there is to reset.
+// Every other subsystem owns its own process-wide data (the evaluator and its
+// keyword registry in src/expr, the month table in src/datetime, the soundex
+// result in src/text); a subsystem whose data DBTerminate must release
+// registers a reset routine here (OnTerminate).
 #pragma once
 
 #include <cstdint>
 
-#include "kestrel/kestrel_expr.h"
 #include "kestrel/kestrel_frame.h"
 
 namespace kestrel {
@@ -39,30 +41,6 @@ struct LockEntry {
   FileHandle file;  // the descriptor the lock was taken through
 };
 
-// A user keyword of the evaluator.
-struct ParseEntry {
-  char* name;                   // heap copy, exactly name_length bytes, no terminator
-  ParseEntryCallback callback;  // evaluates the keyword
-  int32_t name_length;
-};
-
-// The keyword registry: kept sorted by name.
-struct ParseEntryTable {
-  ParseEntry* entries = nullptr;
-  int16_t count = 0;
-  int16_t capacity = 0;
-};
-
-// The evaluator's working state (one evaluation at a time per process).
-// The running sums of nested expressions live on the evaluator's own stack;
-// what is kept here is what a keyword callback must reach.
-struct EvaluatorState {
-  const char* position = nullptr;  // parse position in the expression text
-  int32_t table = -1;              // table handle names are resolved against
-  DBEXPRVALUE current{};           // the value a keyword callback fills
-  int32_t depth = 0;               // nesting of expressions now being parsed
-};
-
 // Allocation bookkeeping, for fault injection and leak checks in tests.
 struct AllocationStats {
   long made = 0;     // allocations and reallocations so far
@@ -70,7 +48,11 @@ struct AllocationStats {
   long fail_at = 0;  // the value of `made` at which to fail; 0 = never
 };
 
+// A routine that releases a subsystem's own process-wide data.
+using ResetRoutine = void (*)();
+
 inline constexpr int kCloseRoutineCount = 10;
+inline constexpr int kResetRoutineCount = 8;
 inline constexpr int kLogNameSize = 30;
 
 struct LibraryState {
@@ -80,6 +62,7 @@ struct LibraryState {
   int16_t slot_capacity = 0;
   int16_t open_objects = 0;
   CloseRoutine close_routines[kCloseRoutineCount] = {};
+  ResetRoutine reset_routines[kResetRoutineCount] = {};
 
   // Status and error log.
   int32_t error_code = 0;
@@ -98,26 +81,28 @@ struct LibraryState {
 
   // Dates.
   int32_t default_date_style = 2;
-  // Month lengths shared by every date operation; DBIsLeapYear rewrites the
-  // February entry for the year in hand before each use.
-  int32_t month_lengths[12] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
-  // The last DBSoundex result (four characters and a zero), owned here
-  // because the caller gets a pointer to it.
-  char soundex_result[5] = {'0', '0', '0', '0', 0};
-
-  // Expressions.
-  ParseEntryTable parse_entries;
-  EvaluatorState evaluator;
 
   // Clipper index builds: bytes of keys sorted in memory before the build
   // spills sorted runs to temporary files; 0 means the built-in default.
+  // (Kept here until the index engines keep their own settings.)
   uint64_t ntx_sort_budget = 0;
 };
 
 // The single instance.
 LibraryState& State();
 
-// Frees every keyword of the registry and the registry itself.
-void FreeParseEntries();
+// Registers a routine DBTerminate runs after closing every open object (once
+// per routine, however often it is registered; registrations outlive
+// DBInitialize and DBTerminate).
+void OnTerminate(ResetRoutine routine);
+
+// The frame's start and stop (DBInitialize, DBTerminate), the error log
+// switch (DBErrorLog), the version text and the lock buffer's capacity
+// (DBSetLockCount); each returns what its exported function returns.
+int32_t Initialize(int32_t count, int32_t flags);
+int32_t Terminate();
+int32_t SetErrorLog(int32_t mode, const char* name);
+int32_t GetVersion(char* buffer);
+int32_t SetLockCapacity(int32_t capacity);
 
 }  // namespace kestrel

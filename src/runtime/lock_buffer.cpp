@@ -1,4 +1,4 @@
-// The lock buffer's sizing and the retry count (exported calls).  The buffer
+// The lock buffer's sizing and the look-up of held regions.  The buffer
 // itself is filled and emptied by FileLock (posix/file_services.cpp).
 #include "runtime/file_services.h"
 #include "runtime/library_state.h"
@@ -19,31 +19,7 @@ int32_t IsRegionLocked(FileHandle handle, uint32_t offset, uint32_t length) {
   return 0;
 }
 
-}  // namespace kestrel
-
-using namespace kestrel;
-
-extern "C" {
-
-KESTREL_API int32_t DBSetLockRetryCount(int32_t count) {
-  State().lock_retry_count = count;
-  return 0;
-}
-
-KESTREL_API int32_t DBGetLockRetryCount(int32_t* count) {
-  if (!count) return KS_FAIL(kLocks, DB_ERR_NULL);
-  *count = State().lock_retry_count;
-  return 0;
-}
-
-KESTREL_API int32_t DBGetLockCount(int32_t* used, int32_t* capacity) {
-  if (!used || !capacity) return KS_FAIL(kLocks, DB_ERR_NULL);
-  *used = State().lock_count;
-  *capacity = State().lock_capacity;
-  return 0;
-}
-
-KESTREL_API int32_t DBSetLockCount(int32_t capacity) {
+int32_t SetLockCapacity(int32_t capacity) {
   LibraryState& s = State();
   if (capacity < s.lock_count) return FailQuiet(DB_ERR_LOCK_UNDERFLOW);
   // The capacity is kept in 16 bits; a larger buffer cannot be described.
@@ -55,4 +31,4 @@ KESTREL_API int32_t DBSetLockCount(int32_t capacity) {
   return 0;
 }
 
-}  // extern "C"
+}  // namespace kestrel

@@ -102,29 +102,3 @@ int32_t ReportUnexpectedException(int line) {
 }
 
 }  // namespace kestrel
-
-using namespace kestrel;
-
-extern "C" {
-
-KESTREL_API int32_t DBAllocateMemory(void** pointer, uint32_t size) {
-  if (!pointer) return KS_FAIL(kMalloc, DB_ERR_NULL);
-  *pointer = MemAlloc(size);
-  if (!*pointer) return KS_FAIL(kMalloc, DB_ERR_MEMORY);
-  return 0;
-}
-
-KESTREL_API int32_t DBReAllocateMemory(void** pointer, uint32_t size) {
-  if (!pointer) return KS_FAIL(kMalloc, DB_ERR_NULL);
-  void* p = MemRealloc(*pointer, size);
-  if (!p) return KS_FAIL(kMalloc, DB_ERR_MEMORY);
-  *pointer = p;
-  return 0;
-}
-
-KESTREL_API int32_t DBFreeMemory(void* pointer) {
-  MemFree(pointer);
-  return 0;
-}
-
-}  // extern "C"

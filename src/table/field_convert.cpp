@@ -23,7 +23,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "kestrel/kestrel_datetime.h"
+#include "datetime/dates.h"
 
 namespace kestrel::table {
 namespace {
@@ -115,10 +115,10 @@ int32_t GetDate(const FieldInfo& f, const uint8_t* stored, char* out) {
   } else {
     char text[9] = {};
     std::memcpy(text, stored, f.length < 8 ? f.length : 8);
-    int32_t rc = DBStrDateTo3(&year, &month, &day, text, 15);
+    int32_t rc = TextToDate(&year, &month, &day, text, 15);
     if (rc < 0) return KS_PASS(kDfget, rc);
   }
-  int32_t rc = DBDate3ToStr(out, style, year, month, day);
+  int32_t rc = DateToText(out, style, year, month, day);
   if (rc < 0) return KS_PASS(kDfget, rc);
   return 0;
 }
@@ -126,7 +126,7 @@ int32_t GetDate(const FieldInfo& f, const uint8_t* stored, char* out) {
 int32_t PutDate(TableControl* t, const FieldInfo& f, const char* text) {
   int32_t year = 0, month = 0, day = 0;
   SetErrorCode(0);  // the date calls report the current code on success
-  int32_t rc = DBStrDateTo3(&year, &month, &day, text, State().default_date_style);
+  int32_t rc = TextToDate(&year, &month, &day, text, State().default_date_style);
   uint8_t* stored = t->record + f.offset;
   uint32_t n = f.length < 8 ? f.length : 8;
   if (rc == DB_WARN_FILE_EMPTY) {

@@ -31,7 +31,6 @@
 #include <cstring>
 #include <utility>
 
-#include "runtime/boundary.h"
 #include "table/table_control.h"
 
 namespace kestrel::table {
@@ -149,7 +148,7 @@ int32_t CreateWorkTable(const TableControl* t, const char* work) {
   }
   int32_t dialect = t->dialect;
   if (t->header[kHdrProduction] != 0) dialect |= kProductionRequest;
-  int32_t rc = DBCreateFile(work, t->field_count, fields, dialect);
+  int32_t rc = CreateTable(work, t->field_count, fields, dialect);
   if (rc < 0) return KS_PASS(kDpack, rc);
   // Creating sets the lengths some types must have (a date 8 bytes, a
   // logical 1, ...).  A damaged descriptor with another length opens, but
@@ -208,12 +207,12 @@ int32_t BuildWorkTable(TableControl* t, const char* work) {
   int32_t rc = CreateWorkTable(t, work);
   if (rc < 0) return rc;
   int32_t wh = -1;
-  rc = DBOpenFile(&wh, work, t->dialect);
+  rc = OpenTable(&wh, work, t->dialect);
   if (rc >= 0) {
     SetErrorCode(0);
     TableControl* w = LookUp(wh, kDpack);
     rc = w ? CopyActiveRecords(t, w) : ErrorCode();
-    int32_t crc = CleanUp([&] { return DBCloseFile(wh); });
+    int32_t crc = CleanUp([&] { return w ? CloseTable(wh, w) : 0; });
     if (rc >= 0 && crc < 0) rc = crc;
   }
   if (rc < 0) {
@@ -233,23 +232,28 @@ struct Setup {
 
 // Reopens `name` into *handle as it was set up before.
 int32_t Reopen(int32_t* handle, const char* name, const Setup& setup) {
-  int32_t rc = DBOpenFile(handle, name, setup.mode);
+  int32_t rc = OpenTable(handle, name, setup.mode);
   if (rc < 0) return KS_PASS(kDpack, rc);
+  TableControl* t = LookUp(*handle, kDpack);
+  if (!t) return ErrorCode();
   if (setup.caller_buffer) {
-    rc = DBSetBufferAddress(*handle, setup.caller_buffer);
+    rc = SetRecordBuffer(t, setup.caller_buffer);
     if (rc < 0) return KS_PASS(kDpack, rc);
   }
   int32_t capacity = setup.capacity;
   if (capacity > 0) {
     SetErrorCode(0);
-    rc = DBGetSetCacheSize(*handle, &capacity, DB_CACHE_SET);
+    rc = CacheSize(t, &capacity, DB_CACHE_SET);
     if (rc < 0) return KS_PASS(kDpack, rc);
     return rc;  // 0, or the warning 209 when the old capacity could not be had
   }
   return 0;
 }
 
-int32_t Pack(int32_t* handle, TableControl* t) {
+}  // namespace
+
+int32_t PackTable(int32_t* handle, TableControl* t) {
+  if (t->attributes & kAttrReadOnly) return KS_FAIL(kDpack, DB_ERR_READ_ONLY);
   SetErrorCode(0);
   if (t->Buffered()) {
     int32_t rc = WriteBack(t, true, true);
@@ -291,7 +295,7 @@ int32_t Pack(int32_t* handle, TableControl* t) {
   }
 
   SetErrorCode(0);
-  rc = DBCloseFile(*handle);
+  rc = CloseTable(*handle, t);
   *handle = -1;
   if (rc < 0) {
     CleanUp([&] { return FileDelete(work.c_str()); });
@@ -325,18 +329,5 @@ int32_t Pack(int32_t* handle, TableControl* t) {
   if (rc < 0) return KS_PASS(kDpack, SetErrorCode(rc));
   return SetErrorCode(rc);
 }
-}  // namespace
+
 }  // namespace kestrel::table
-
-using namespace kestrel;
-using namespace kestrel::table;
-
-extern "C" KESTREL_API int32_t DBPackFile(int32_t* handle) {
-  return Guarded([&]() -> int32_t {
-    if (!handle) return KS_FAIL(kDpack, DB_ERR_NULL);
-    TableControl* t = LookUp(*handle, kDpack);
-    if (!t) return ErrorCode();
-    if (t->attributes & kAttrReadOnly) return KS_FAIL(kDpack, DB_ERR_READ_ONLY);
-    return Pack(handle, t);
-  });
-}

@@ -8,7 +8,6 @@
 // first out.
 #include <cstring>
 
-#include "runtime/boundary.h"
 #include "table/field_convert.h"
 #include "table/table_control.h"
 #include "util/coding.h"
@@ -163,19 +162,9 @@ int32_t AppendRecord(TableControl* t, int32_t* recno) {
   return 0;
 }
 
-}  // namespace kestrel::table
-
-using namespace kestrel;
-using namespace kestrel::table;
-
 namespace {
-constexpr ModulePath kDrnum = KS_ENGINE_MODULE("DRNUM");
-constexpr ModulePath kDrinfo = KS_ENGINE_MODULE("DRINFO");
-constexpr ModulePath kDrclear = KS_ENGINE_MODULE("DRCLEAR");
-constexpr ModulePath kDrbfr = KS_ENGINE_MODULE("DRBFR");
-constexpr ModulePath kDsize = KS_ENGINE_MODULE("DSIZE");
 constexpr ModulePath kDeof = KS_ENGINE_MODULE("DEOF");
-constexpr ModulePath kDbof = KS_ENGINE_MODULE("DBOF");
+constexpr ModulePath kDsize = KS_ENGINE_MODULE("DSIZE");
 constexpr ModulePath kDbfrsz = KS_ENGINE_MODULE("DBFRSZ");
 
 // Runs a write of record r under the table's lock rule: a shared table must
@@ -216,222 +205,146 @@ int32_t Pack(TableControl* t, const uint8_t* in) {
   }
   return 0;
 }
-
-int32_t Mark(int32_t handle, int32_t recno, uint8_t mark) {
-  return Guarded([&]() -> int32_t {
-    TableControl* t = LookUp(handle, kDrstat);
-    if (!t) return ErrorCode();
-    if (t->attributes & kAttrReadOnly) return KS_FAIL(kDrstat, DB_ERR_READ_ONLY);
-    SetErrorCode(0);
-    int32_t rc = RefreshIfStale(t);
-    if (rc < 0) return KS_PASS(kDrstat, rc);
-    if (recno < 1 || static_cast<uint32_t>(recno) > t->RecordCount()) {
-      return KS_FAIL(kDrstat, DB_ERR_SEEK);
-    }
-    uint32_t r = static_cast<uint32_t>(recno);
-    rc = UnderRecordLock(t, r, kDrstat, [&]() -> int32_t {
-      int32_t read = ReadRecord(t, r);
-      if (read < 0) return KS_PASS(kDrstat, read);
-      bool reuse = (t->attributes & kAttrReuse) != 0;
-      if (t->record[0] == mark) return (reuse && mark == kActiveFlag) ? DB_WARN_KEY_NOT_FOUND : 0;
-      if (reuse) {
-        if (mark == kDeletedFlag) {
-          StoreLE32(t->record + 1, t->ChainHead());
-          t->SetChainHead(r);
-        } else {
-          int32_t u = Unlink(t, r);
-          if (u < 0) return KS_PASS(kDrstat, u);
-        }
-      }
-      t->record[0] = mark;
-      t->pending |= kPendingMark;
-      int32_t w = WriteRecord(t, r);
-      if (w < 0) return KS_PASS(kDrstat, w);
-      return 0;
-    });
-    return SetErrorCode(rc);
-  });
-}
 }  // namespace
 
-extern "C" KESTREL_API int32_t DBGetRecordToBuffer(int32_t handle, void* buffer, int32_t recno) {
-  return Guarded([&]() -> int32_t {
-    TableControl* t = LookUp(handle, kDrget);
-    if (!t) return ErrorCode();
-    SetErrorCode(0);
-    if (t->Shared()) {
-      int32_t rc = RefreshRecordCount(t);
-      if (rc < 0) return KS_PASS(kDrget, rc);
-    }
-    if (recno < 1 || static_cast<uint32_t>(recno) > t->RecordCount()) {
-      return KS_FAIL(kDrget, DB_ERR_SEEK);
-    }
-    int32_t rc = ReadRecord(t, static_cast<uint32_t>(recno));
+int32_t GetRecord(TableControl* t, void* buffer, int32_t recno) {
+  SetErrorCode(0);
+  if (t->Shared()) {
+    int32_t rc = RefreshRecordCount(t);
     if (rc < 0) return KS_PASS(kDrget, rc);
-    if (buffer) {
-      int32_t urc = Unpack(t, static_cast<uint8_t*>(buffer));
-      if (urc < 0) return SetErrorCode(urc);
-    }
-    return SetErrorCode(rc);
-  });
+  }
+  if (recno < 1 || static_cast<uint32_t>(recno) > t->RecordCount()) {
+    return KS_FAIL(kDrget, DB_ERR_SEEK);
+  }
+  int32_t rc = ReadRecord(t, static_cast<uint32_t>(recno));
+  if (rc < 0) return KS_PASS(kDrget, rc);
+  if (buffer) {
+    int32_t urc = Unpack(t, static_cast<uint8_t*>(buffer));
+    if (urc < 0) return SetErrorCode(urc);
+  }
+  return SetErrorCode(rc);
 }
 
-extern "C" KESTREL_API int32_t DBGetRecord(int32_t handle, int32_t recno) {
-  return DBGetRecordToBuffer(handle, nullptr, recno);
-}
-
-extern "C" KESTREL_API int32_t DBPutRecordFromBuffer(int32_t handle, const void* buffer,
-                                                     int32_t* recno, int32_t mode) {
-  return Guarded([&]() -> int32_t {
-    TableControl* t = LookUp(handle, kDrput);
-    if (!t) return ErrorCode();
-    if (!recno) return KS_FAIL(kDrput, DB_ERR_NULL);
-    if (t->attributes & kAttrReadOnly) return KS_FAIL(kDrput, DB_ERR_READ_ONLY);
-    SetErrorCode(0);
-    if (buffer) {
-      int32_t rc = Pack(t, static_cast<const uint8_t*>(buffer));
-      if (rc < 0) return SetErrorCode(rc);
-    }
-    int32_t rc = 0;
-    if (mode == DB_RECORD_APPEND) {
-      if (t->Shared() && !(t->lock_state & (kLockFile | kLockHeader))) {
-        if (!(t->attributes & kAttrAutoLock)) return KS_FAIL(kDrput, DB_ERR_MUST_LOCK);
-        rc = LockHeaderRegion(t);
-        if (rc < 0) return KS_PASS(kDrput, SetErrorCode(rc));
-        rc = AppendRecord(t, recno);
-        int32_t urc = CleanUp([&] { return UnlockHeaderRegion(t); });
-        if (rc >= 0 && urc < 0) rc = urc;
-      } else {
-        rc = AppendRecord(t, recno);
-      }
-    } else if (mode == DB_RECORD_REPLACE) {
-      t->current = *recno;
-      if (*recno < 1) return KS_FAIL(kDrput, DB_ERR_SEEK);
-      rc = RefreshIfStale(t);
+int32_t PutRecord(TableControl* t, const void* buffer, int32_t* recno, int32_t mode) {
+  if (t->attributes & kAttrReadOnly) return KS_FAIL(kDrput, DB_ERR_READ_ONLY);
+  SetErrorCode(0);
+  if (buffer) {
+    int32_t rc = Pack(t, static_cast<const uint8_t*>(buffer));
+    if (rc < 0) return SetErrorCode(rc);
+  }
+  int32_t rc = 0;
+  if (mode == DB_RECORD_APPEND) {
+    if (t->Shared() && !(t->lock_state & (kLockFile | kLockHeader))) {
+      if (!(t->attributes & kAttrAutoLock)) return KS_FAIL(kDrput, DB_ERR_MUST_LOCK);
+      rc = LockHeaderRegion(t);
       if (rc < 0) return KS_PASS(kDrput, SetErrorCode(rc));
-      // A replacement names an existing record: one past the end is refused
-      // rather than written into the gap after the last record.
-      uint32_t r = static_cast<uint32_t>(*recno);
-      if (r > t->RecordCount()) return KS_FAIL(kDrput, DB_ERR_SEEK);
-      rc = UnderRecordLock(t, r, kDrput, [&]() { return WriteRecord(t, r); });
+      rc = AppendRecord(t, recno);
+      int32_t urc = CleanUp([&] { return UnlockHeaderRegion(t); });
+      if (rc >= 0 && urc < 0) rc = urc;
     } else {
-      return KS_FAIL(kDrput, DB_ERR_INVALID_COMMAND);
+      rc = AppendRecord(t, recno);
     }
+  } else if (mode == DB_RECORD_REPLACE) {
+    t->current = *recno;
+    if (*recno < 1) return KS_FAIL(kDrput, DB_ERR_SEEK);
+    rc = RefreshIfStale(t);
     if (rc < 0) return KS_PASS(kDrput, SetErrorCode(rc));
+    // A replacement names an existing record: one past the end is refused
+    // rather than written into the gap after the last record.
+    uint32_t r = static_cast<uint32_t>(*recno);
+    if (r > t->RecordCount()) return KS_FAIL(kDrput, DB_ERR_SEEK);
+    rc = UnderRecordLock(t, r, kDrput, [&]() { return WriteRecord(t, r); });
+  } else {
+    return KS_FAIL(kDrput, DB_ERR_INVALID_COMMAND);
+  }
+  if (rc < 0) return KS_PASS(kDrput, SetErrorCode(rc));
+  return 0;
+}
+
+int32_t MarkRecord(TableControl* t, int32_t recno, uint8_t mark) {
+  if (t->attributes & kAttrReadOnly) return KS_FAIL(kDrstat, DB_ERR_READ_ONLY);
+  SetErrorCode(0);
+  int32_t rc = RefreshIfStale(t);
+  if (rc < 0) return KS_PASS(kDrstat, rc);
+  if (recno < 1 || static_cast<uint32_t>(recno) > t->RecordCount()) {
+    return KS_FAIL(kDrstat, DB_ERR_SEEK);
+  }
+  uint32_t r = static_cast<uint32_t>(recno);
+  rc = UnderRecordLock(t, r, kDrstat, [&]() -> int32_t {
+    int32_t read = ReadRecord(t, r);
+    if (read < 0) return KS_PASS(kDrstat, read);
+    bool reuse = (t->attributes & kAttrReuse) != 0;
+    if (t->record[0] == mark) return (reuse && mark == kActiveFlag) ? DB_WARN_KEY_NOT_FOUND : 0;
+    if (reuse) {
+      if (mark == kDeletedFlag) {
+        StoreLE32(t->record + 1, t->ChainHead());
+        t->SetChainHead(r);
+      } else {
+        int32_t u = Unlink(t, r);
+        if (u < 0) return KS_PASS(kDrstat, u);
+      }
+    }
+    t->record[0] = mark;
+    t->pending |= kPendingMark;
+    int32_t w = WriteRecord(t, r);
+    if (w < 0) return KS_PASS(kDrstat, w);
     return 0;
   });
+  return SetErrorCode(rc);
 }
 
-extern "C" KESTREL_API int32_t DBPutRecord(int32_t handle, int32_t* recno, int32_t mode) {
-  return DBPutRecordFromBuffer(handle, nullptr, recno, mode);
+int32_t IsRecordDeleted(TableControl* t) {
+  if (t->record[0] == kDeletedFlag) return SetErrorCode(DB_WARN_RECORD_DELETED);
+  return ErrorCode();
 }
 
-extern "C" KESTREL_API int32_t DBMarkRecordInActive(int32_t handle, int32_t recno) {
-  return Mark(handle, recno, kDeletedFlag);
+int32_t GetRecordCount(TableControl* t, int32_t* count) {
+  SetErrorCode(0);
+  int32_t rc = RefreshIfStale(t);
+  if (rc < 0) return KS_PASS(kDsize, rc);
+  *count = static_cast<int32_t>(t->RecordCount());
+  return 0;
 }
 
-extern "C" KESTREL_API int32_t DBMarkRecordActive(int32_t handle, int32_t recno) {
-  return Mark(handle, recno, kActiveFlag);
+int32_t GetRecordInfo(TableControl* t, DBRECORDINFO* info) {
+  info->record_length = static_cast<int32_t>(t->RecordLength());
+  info->field_count = t->field_count;
+  info->record_buffer = t->record;
+  return Succeed();
 }
 
-extern "C" KESTREL_API int32_t DBIsRecordDeleted(int32_t handle) {
-  return Guarded([&]() -> int32_t {
-    TableControl* t = LookUp(handle, kDrstat);
-    if (!t) return ErrorCode();
-    if (t->record[0] == kDeletedFlag) return SetErrorCode(DB_WARN_RECORD_DELETED);
-    return ErrorCode();
-  });
+int32_t ClearRecordBuffer(TableControl* t) {
+  std::memset(t->record, ' ', t->RecordLength());
+  return Succeed();
 }
 
-extern "C" KESTREL_API int32_t DBGetRecordCount(int32_t handle, int32_t* count) {
-  return Guarded([&]() -> int32_t {
-    TableControl* t = LookUp(handle, kDsize);
-    if (!t) return ErrorCode();
-    if (!count) return KS_FAIL(kDsize, DB_ERR_NULL);
-    SetErrorCode(0);
-    int32_t rc = RefreshIfStale(t);
-    if (rc < 0) return KS_PASS(kDsize, rc);
-    *count = static_cast<int32_t>(t->RecordCount());
+int32_t SetRecordBuffer(TableControl* t, void* address) {
+  if (t->owns_record) MemFree(t->record);
+  t->record = static_cast<uint8_t*>(address);
+  t->owns_record = 0;
+  return Succeed();
+}
+
+int32_t AtFirstRecord(const TableControl* t) { return t->current < 2 ? 1 : 0; }
+
+int32_t AtLastRecord(TableControl* t) {
+  int32_t rc = RefreshIfStale(t);
+  if (rc < 0) return KS_PASS(kDeof, rc);
+  return static_cast<uint32_t>(t->current) == t->RecordCount() ? 1 : 0;
+}
+
+int32_t CacheSize(TableControl* t, int32_t* records, int32_t op) {
+  SetErrorCode(0);
+  if (!t->Buffered()) {
+    *records = 0;
     return 0;
-  });
+  }
+  if (op == DB_CACHE_SET) return SetCacheCapacity(t, records);
+  if (op == DB_CACHE_GET) {
+    *records = t->cache_capacity;
+    return 0;
+  }
+  return KS_FAIL(kDbfrsz, DB_ERR_INVALID_COMMAND);
 }
 
-extern "C" KESTREL_API int32_t DBGetRecordNumber(int32_t handle, int32_t* recno) {
-  return Guarded([&]() -> int32_t {
-    TableControl* t = LookUp(handle, kDrnum);
-    if (!t) return ErrorCode();
-    if (!recno) return KS_FAIL(kDrnum, DB_ERR_NULL);
-    *recno = t->current;
-    return Succeed();
-  });
-}
-
-extern "C" KESTREL_API int32_t DBGetRecordInfo(int32_t handle, DBRECORDINFO* info) {
-  return Guarded([&]() -> int32_t {
-    TableControl* t = LookUp(handle, kDrinfo);
-    if (!t) return ErrorCode();
-    if (!info) return KS_FAIL(kDrinfo, DB_ERR_NULL);
-    info->record_length = static_cast<int32_t>(t->RecordLength());
-    info->field_count = t->field_count;
-    info->record_buffer = t->record;
-    return Succeed();
-  });
-}
-
-extern "C" KESTREL_API int32_t DBClearBuffer(int32_t handle) {
-  return Guarded([&]() -> int32_t {
-    TableControl* t = LookUp(handle, kDrclear);
-    if (!t) return ErrorCode();
-    std::memset(t->record, ' ', t->RecordLength());
-    return Succeed();
-  });
-}
-
-extern "C" KESTREL_API int32_t DBSetBufferAddress(int32_t handle, void* address) {
-  return Guarded([&]() -> int32_t {
-    TableControl* t = LookUp(handle, kDrbfr);
-    if (!t) return ErrorCode();
-    if (!address) return KS_FAIL(kDrbfr, DB_ERR_NULL);
-    if (t->owns_record) MemFree(t->record);
-    t->record = static_cast<uint8_t*>(address);
-    t->owns_record = 0;
-    return Succeed();
-  });
-}
-
-extern "C" KESTREL_API int32_t DBIsBeginningOfFile(int32_t handle) {
-  return Guarded([&]() -> int32_t {
-    TableControl* t = LookUp(handle, kDbof);
-    if (!t) return ErrorCode();
-    return t->current < 2 ? 1 : 0;
-  });
-}
-
-extern "C" KESTREL_API int32_t DBIsEndOfFile(int32_t handle) {
-  return Guarded([&]() -> int32_t {
-    TableControl* t = LookUp(handle, kDeof);
-    if (!t) return ErrorCode();
-    int32_t rc = RefreshIfStale(t);
-    if (rc < 0) return KS_PASS(kDeof, rc);
-    return static_cast<uint32_t>(t->current) == t->RecordCount() ? 1 : 0;
-  });
-}
-
-extern "C" KESTREL_API int32_t DBGetSetCacheSize(int32_t handle, int32_t* records, int32_t op) {
-  return Guarded([&]() -> int32_t {
-    TableControl* t = LookUp(handle, kDbfrsz);
-    if (!t) return ErrorCode();
-    if (!records) return KS_FAIL(kDbfrsz, DB_ERR_NULL);
-    SetErrorCode(0);
-    if (!t->Buffered()) {
-      *records = 0;
-      return 0;
-    }
-    if (op == DB_CACHE_SET) return SetCacheCapacity(t, records);
-    if (op == DB_CACHE_GET) {
-      *records = t->cache_capacity;
-      return 0;
-    }
-    return KS_FAIL(kDbfrsz, DB_ERR_INVALID_COMMAND);
-  });
-}
+}  // namespace kestrel::table

@@ -25,22 +25,12 @@ uint32_t TableControl::ChainHead() const { return LoadLE32(header + kHdrChainHea
 void TableControl::SetChainHead(uint32_t head) { StoreLE32(header + kHdrChainHead, head); }
 
 TableControl* LookUp(int32_t handle, ModulePath module) {
-  TableControl* t = nullptr;
-  int32_t rc = CheckHandle<TableControl>(handle, DB_KIND_TABLE, &t);
-  if (rc < 0) {
-    KS_FAIL(module, rc);
-    return nullptr;
-  }
-  return t;
+  return LookUpHandle<TableControl>(handle, DB_KIND_TABLE, module);
 }
 
 TableControl* LookUpField(int32_t handle, int32_t field, ModulePath module) {
-  TableControl* t = nullptr;
-  int32_t rc = CheckHandle<TableControl>(handle, DB_KIND_TABLE, &t);
-  if (rc < 0) {
-    KS_FAIL(module, rc);
-    return nullptr;
-  }
+  TableControl* t = LookUp(handle, module);
+  if (!t) return nullptr;
   if (field < 0 || field >= t->field_count) {
     KS_FAIL(kDfver, DB_ERR_FIELD_COUNT);
     KS_PASS(module, DB_ERR_FIELD_COUNT);

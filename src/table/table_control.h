@@ -108,7 +108,22 @@ TableControl* LookUp(int32_t handle, ModulePath module);
 // As LookUp, and the field number must be valid (-227, logged under DFVER).
 TableControl* LookUpField(int32_t handle, int32_t field, ModulePath module);
 
-// ---- Open and close (table_open.cpp) ----------------------------------------
+// ---- Open and close (table_open.cpp, table_create.cpp, pack.cpp, zap.cpp) ----
+// Checks and normalises the caller's fields and writes a new empty table.
+int32_t CreateTable(const char* name, int32_t field_count, DBFIELD* fields, int32_t dialect);
+// Opens a table into a new handle (-1 on failure).
+int32_t OpenTable(int32_t* handle, const char* name, int32_t mode);
+// Writes what the cache holds and flushes the file.
+int32_t FlushTable(TableControl* t);
+// Writes what the cache holds, closes the file and frees the slot.
+int32_t CloseTable(int32_t handle, TableControl* t);
+// The close routine DBTerminate calls for every table still open.
+int32_t CloseTableHandle(int32_t handle);
+// Removes the deleted records by rebuilding the file; *handle becomes the
+// reopened table's handle (-1 when it could not be reopened).
+int32_t PackTable(int32_t* handle, TableControl* t);
+// Removes every record in place.
+int32_t ZapTable(TableControl* t);
 // Closes the file and frees the slot; writes nothing.
 void Discard(int32_t handle, TableControl* t);
 
@@ -123,6 +138,8 @@ int32_t RefreshIfStale(TableControl* t);
 // own_count: the count in memory is this handle's (an append is being
 // written); otherwise a shared table re-reads the count first.
 int32_t WriteHeader(TableControl* t, bool own_count);
+// Re-reads the record count of a shared table (DBGetFileHeader).
+int32_t ReadFileHeader(TableControl* t);
 
 // ---- Record cache (record_cache.cpp) ------------------------------------------
 // Records a cache of `capacity` records would hold by default.
@@ -165,6 +182,41 @@ int32_t WriteRecord(TableControl* t, uint32_t n);
 // Appends the record buffer (no lock handling); *recno receives its number.
 int32_t AppendRecord(TableControl* t, int32_t* recno);
 
+// The record operations behind the exported record functions; each returns
+// what its exported function returns.
+int32_t GetRecord(TableControl* t, void* buffer, int32_t recno);
+int32_t PutRecord(TableControl* t, const void* buffer, int32_t* recno, int32_t mode);
+// Marks record recno deleted (kDeletedFlag) or active (kActiveFlag), keeping
+// the deleted-record chain of a table opened for reuse.
+int32_t MarkRecord(TableControl* t, int32_t recno, uint8_t mark);
+int32_t IsRecordDeleted(TableControl* t);
+int32_t GetRecordCount(TableControl* t, int32_t* count);
+int32_t GetRecordInfo(TableControl* t, DBRECORDINFO* info);
+int32_t ClearRecordBuffer(TableControl* t);
+int32_t SetRecordBuffer(TableControl* t, void* address);
+int32_t AtFirstRecord(const TableControl* t);
+int32_t AtLastRecord(TableControl* t);
+int32_t CacheSize(TableControl* t, int32_t* records, int32_t op);
+
+// ---- Fields (fields.cpp) ---------------------------------------------------------
+// The field number of `name` (case of ASCII letters ignored), or -1 after
+// logging -228 (or -221 for a null name) under DFNAM2NO and module.
+int32_t FindField(const TableControl* t, const char* name, ModulePath module);
+// As FindField for a name that may or may not be a field: -1 without a
+// log line or a change of the library code.
+int32_t FieldNumberOf(const TableControl* t, const char* name);
+// Field f of the current record: as_text gives the stored text, else the
+// typed value.  The outcome becomes the library code.
+int32_t GetField(TableControl* t, const FieldInfo& f, void* out, bool as_text);
+int32_t PutField(TableControl* t, const FieldInfo& f, const void* in, bool as_text);
+// The stored bytes of field f, unconverted.
+int32_t GetFieldBytes(TableControl* t, const FieldInfo& f, void* out);
+int32_t PutFieldBytes(TableControl* t, const FieldInfo& f, const void* in);
+// 200 when field f of the current record is blank, else the library code.
+int32_t IsFieldBlank(TableControl* t, const FieldInfo& f);
+// The name of field f, zero-terminated.
+int32_t GetFieldName(TableControl* t, const FieldInfo& f, char* buffer);
+
 // ---- Locks (table_locks.cpp) -------------------------------------------------------
 struct Region {
   uint32_t offset;
@@ -180,5 +232,25 @@ int32_t UnlockRecordRegion(TableControl* t, uint32_t r);
 int32_t UnlockHeaderRegion(TableControl* t);
 int32_t UnlockAllRegions(TableControl* t);
 bool RecordLocked(const TableControl* t, uint32_t r);
+// The lock operations behind the exported lock functions: each succeeds at
+// once on an unshared table and returns what its exported function returns.
+int32_t LockTable(TableControl* t);
+int32_t LockHeader(TableControl* t);
+int32_t LockRecord(TableControl* t, int32_t recno);
+int32_t UnlockRecord(TableControl* t, int32_t recno);
+int32_t UnlockHeader(TableControl* t);
+int32_t UnlockAll(TableControl* t);
+// 1 when record recno is locked through this table (shared tables only).
+int32_t IsRecordLocked(TableControl* t, int32_t recno);
+// The regions this table holds, in a block the caller frees.
+int32_t GetLockInfo(TableControl* t, DBLOCKINFO** locks, int32_t* count);
+
+// ---- Description (table_info.cpp) ---------------------------------------------------
+int32_t GetFileInfo(TableControl* t, DBFILEINFO* info);
+int32_t GetFileDescription(TableControl* t, int32_t* widest, DBFIELD* fields);
+int32_t GetFieldDescription(TableControl* t, int32_t field, DBFIELD* description);
+int32_t GetLastUpdate(TableControl* t, char* buffer, int32_t date_style);
+int32_t SetProductionIndex(TableControl* t);
+int32_t SetFieldIndexed(TableControl* t, int32_t field);
 
 }  // namespace kestrel::table

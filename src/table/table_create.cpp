@@ -7,14 +7,11 @@
 // terminator and end marker) is then written in one call and the file closed.
 #include <cstring>
 
-#include "kestrel/kestrel_datetime.h"
-#include "runtime/boundary.h"
+#include "datetime/dates.h"
 #include "table/table_control.h"
 #include "util/coding.h"
 
-using namespace kestrel;
-using namespace kestrel::table;
-
+namespace kestrel::table {
 namespace {
 constexpr ModulePath kDcreate = KS_ENGINE_MODULE("DCREATE");
 
@@ -65,69 +62,67 @@ int32_t CheckField(DBFIELD* f, int dialect, uint8_t* version, uint32_t* length) 
 }
 }  // namespace
 
-extern "C" KESTREL_API int32_t DBCreateFile(const char* name, int32_t field_count, DBFIELD* fields,
-                                            int32_t dialect) {
-  return Guarded([&]() -> int32_t {
-    if (!name || !fields) return KS_FAIL(kDcreate, DB_ERR_NULL);
-    if (field_count <= 0) return KS_FAIL(kDcreate, DB_ERR_FIELD_COUNT);
-    bool production = (dialect & kProductionRequest) != 0;
-    dialect &= ~kProductionRequest;
-    if (dialect < 0 || dialect >= kDialectCount) return KS_FAIL(kDcreate, DB_ERR_VERSION);
-    if (field_count > MaxFieldCount(dialect)) return KS_FAIL(kDcreate, DB_ERR_FIELD_COUNT);
+int32_t CreateTable(const char* name, int32_t field_count, DBFIELD* fields, int32_t dialect) {
+  if (field_count <= 0) return KS_FAIL(kDcreate, DB_ERR_FIELD_COUNT);
+  bool production = (dialect & kProductionRequest) != 0;
+  dialect &= ~kProductionRequest;
+  if (dialect < 0 || dialect >= kDialectCount) return KS_FAIL(kDcreate, DB_ERR_VERSION);
+  if (field_count > MaxFieldCount(dialect)) return KS_FAIL(kDcreate, DB_ERR_FIELD_COUNT);
 
-    uint8_t version = kVersionPlain;
-    uint32_t record_length = 1;
-    for (int32_t i = 0; i < field_count; ++i) {
-      uint32_t length = 0;
-      int32_t rc = CheckField(&fields[i], dialect, &version, &length);
-      if (rc < 0) return rc;
-      record_length += length;
-      if (record_length > MaxRecordLength(dialect)) {
-        return KS_FAIL(kDcreate, DB_ERR_RECORD_LENGTH);
-      }
+  uint8_t version = kVersionPlain;
+  uint32_t record_length = 1;
+  for (int32_t i = 0; i < field_count; ++i) {
+    uint32_t length = 0;
+    int32_t rc = CheckField(&fields[i], dialect, &version, &length);
+    if (rc < 0) return rc;
+    record_length += length;
+    if (record_length > MaxRecordLength(dialect)) {
+      return KS_FAIL(kDcreate, DB_ERR_RECORD_LENGTH);
     }
+  }
 
-    uint32_t n = static_cast<uint32_t>(field_count);
-    uint32_t header_length = dialect == 9 ? kDescriptorSize * (n + 2) : kDescriptorSize * n + 33;
-    int32_t year = 0, month = 0, day = 0, weekday = 0;
-    SetErrorCode(0);  // the clock reports the current code on success
-    int32_t rc = DBGetDate3(&year, &month, &day, &weekday);
-    if (rc < 0) return KS_PASS(kDcreate, rc);
+  uint32_t n = static_cast<uint32_t>(field_count);
+  uint32_t header_length = dialect == 9 ? kDescriptorSize * (n + 2) : kDescriptorSize * n + 33;
+  int32_t year = 0, month = 0, day = 0, weekday = 0;
+  SetErrorCode(0);  // the clock reports the current code on success
+  int32_t rc = Today(&year, &month, &day, &weekday);
+  if (rc < 0) return KS_PASS(kDcreate, rc);
 
-    Buffer image;
-    if (!image.Allocate(header_length + 1)) return KS_FAIL(kDcreate, DB_ERR_MEMORY);
-    uint8_t* h = image.data();
-    h[kHdrVersion] = version;
-    h[kHdrYear] = static_cast<uint8_t>(year - 1900);
-    h[kHdrMonth] = static_cast<uint8_t>(month);
-    h[kHdrDay] = static_cast<uint8_t>(day);
-    StoreLE32(h + kHdrRecordCount, 0);
-    StoreLE16(h + kHdrHeaderLength, static_cast<uint16_t>(header_length));
-    StoreLE16(h + kHdrRecordLength, static_cast<uint16_t>(record_length));
-    h[kHdrProduction] = production ? 1 : 0;
-    for (uint32_t i = 0; i < n; ++i) {
-      uint8_t* d = h + kHeaderSize + i * kDescriptorSize;
-      const DBFIELD& f = fields[i];
-      std::memcpy(d + kDescName, f.name, strnlen(f.name, kDescNameSize));
-      uint8_t type = static_cast<uint8_t>(f.type & 0xFF);
-      d[kDescType] = type;
-      d[kDescLength] = static_cast<uint8_t>(f.length & 0xFF);
-      d[kDescDecimals] = type == 'C' ? static_cast<uint8_t>((f.length >> 8) & 0xFF)
-                                     : static_cast<uint8_t>(f.decimals);
-      if (production && dialect == 2) d[kDescIndexed] = (f.type >> 8) & 1;
-    }
-    // Terminator (a 0x0D byte, or in dialect 9 a block starting with it),
-    // then the end-of-file marker of the empty table.
-    uint32_t terminator = kHeaderSize + n * kDescriptorSize;
-    h[terminator] = kTerminator;
-    h[header_length] = kEndOfFile;
+  Buffer image;
+  if (!image.Allocate(header_length + 1)) return KS_FAIL(kDcreate, DB_ERR_MEMORY);
+  uint8_t* h = image.data();
+  h[kHdrVersion] = version;
+  h[kHdrYear] = static_cast<uint8_t>(year - 1900);
+  h[kHdrMonth] = static_cast<uint8_t>(month);
+  h[kHdrDay] = static_cast<uint8_t>(day);
+  StoreLE32(h + kHdrRecordCount, 0);
+  StoreLE16(h + kHdrHeaderLength, static_cast<uint16_t>(header_length));
+  StoreLE16(h + kHdrRecordLength, static_cast<uint16_t>(record_length));
+  h[kHdrProduction] = production ? 1 : 0;
+  for (uint32_t i = 0; i < n; ++i) {
+    uint8_t* d = h + kHeaderSize + i * kDescriptorSize;
+    const DBFIELD& f = fields[i];
+    std::memcpy(d + kDescName, f.name, strnlen(f.name, kDescNameSize));
+    uint8_t type = static_cast<uint8_t>(f.type & 0xFF);
+    d[kDescType] = type;
+    d[kDescLength] = static_cast<uint8_t>(f.length & 0xFF);
+    d[kDescDecimals] = type == 'C' ? static_cast<uint8_t>((f.length >> 8) & 0xFF)
+                                   : static_cast<uint8_t>(f.decimals);
+    if (production && dialect == 2) d[kDescIndexed] = (f.type >> 8) & 1;
+  }
+  // Terminator (a 0x0D byte, or in dialect 9 a block starting with it),
+  // then the end-of-file marker of the empty table.
+  uint32_t terminator = kHeaderSize + n * kDescriptorSize;
+  h[terminator] = kTerminator;
+  h[header_length] = kEndOfFile;
 
-    FileHandle file = kNoFile;
-    rc = FileCreate(&file, name);
-    if (rc < 0) return KS_PASS(kDcreate, rc);
-    rc = FileWriteAt(file, 0, h, image.size(), 0);
-    FileClose(file);
-    if (rc < 0) return KS_FAIL(kDcreate, rc);
-    return Succeed();
-  });
+  FileHandle file = kNoFile;
+  rc = FileCreate(&file, name);
+  if (rc < 0) return KS_PASS(kDcreate, rc);
+  rc = FileWriteAt(file, 0, h, image.size(), 0);
+  FileClose(file);
+  if (rc < 0) return KS_FAIL(kDcreate, rc);
+  return Succeed();
 }
+
+}  // namespace kestrel::table

@@ -1,7 +1,6 @@
 // The header of an open table: re-reading the record count that other
 // processes may have changed, and writing the header back with today's date.
-#include "kestrel/kestrel_datetime.h"
-#include "runtime/boundary.h"
+#include "datetime/dates.h"
 #include "table/table_control.h"
 #include "util/coding.h"
 
@@ -51,7 +50,7 @@ int32_t WriteHeader(TableControl* t, bool own_count) {
   }
   int32_t year = 0, month = 0, day = 0, weekday = 0;
   SetErrorCode(0);  // the clock reports the current code on success
-  int32_t rc = DBGetDate3(&year, &month, &day, &weekday);
+  int32_t rc = Today(&year, &month, &day, &weekday);
   if (rc >= 0) {
     t->header[kHdrYear] = static_cast<uint8_t>(year % 100);
     t->header[kHdrMonth] = static_cast<uint8_t>(month);
@@ -77,18 +76,11 @@ int32_t WriteHeader(TableControl* t, bool own_count) {
   return 0;
 }
 
-}  // namespace kestrel::table
-
-using namespace kestrel;
-using namespace kestrel::table;
-
-extern "C" KESTREL_API int32_t DBGetFileHeader(int32_t handle) {
-  return Guarded([&]() -> int32_t {
-    TableControl* t = LookUp(handle, kDopen);
-    if (!t) return ErrorCode();
-    SetErrorCode(0);
-    int32_t rc = RefreshRecordCount(t);
-    if (rc < 0) return KS_PASS(kDopen, rc);
-    return 0;
-  });
+int32_t ReadFileHeader(TableControl* t) {
+  SetErrorCode(0);
+  int32_t rc = RefreshRecordCount(t);
+  if (rc < 0) return KS_PASS(kDopen, rc);
+  return 0;
 }
+
+}  // namespace kestrel::table

@@ -2,16 +2,11 @@
 // production index marks (module DHSET).
 #include <cstring>
 
-#include "kestrel/kestrel_datetime.h"
-#include "runtime/boundary.h"
+#include "datetime/dates.h"
 #include "table/table_control.h"
 
-using namespace kestrel;
-using namespace kestrel::table;
-
+namespace kestrel::table {
 namespace {
-constexpr ModulePath kDfinfo = KS_ENGINE_MODULE("DFINFO");
-constexpr ModulePath kDinfo = KS_ENGINE_MODULE("DINFO");
 constexpr ModulePath kDlud = KS_ENGINE_MODULE("DLUD");
 constexpr ModulePath kDhset = KS_ENGINE_MODULE("DHSET");
 
@@ -42,89 +37,61 @@ int32_t WriteHeaderBytes(TableControl* t, uint64_t offset, const uint8_t* bytes,
 }
 }  // namespace
 
-extern "C" KESTREL_API int32_t DBGetFileInfo(int32_t handle, DBFILEINFO* info) {
-  return Guarded([&]() -> int32_t {
-    TableControl* t = LookUp(handle, kDfinfo);
-    if (!t) return ErrorCode();
-    if (!info) return KS_FAIL(kDfinfo, DB_ERR_NULL);
-    info->attributes = (info->attributes & ~7u) | (t->attributes & 7u);
-    std::memset(info->name, 0, sizeof info->name);
-    if (t->file_name) std::strncpy(info->name, t->file_name, sizeof info->name - 1);
-    info->dialect = t->dialect;
-    info->has_memo = t->has_memo;
-    info->production_index = t->header[kHdrProduction];
-    info->reserved14 = t->header[kHdrReserved14];
-    info->reserved15 = t->header[kHdrReserved15];
-    info->lock_state = t->lock_state;
-    info->lock_count = t->lock_count;
-    return Succeed();
-  });
+int32_t GetFileInfo(TableControl* t, DBFILEINFO* info) {
+  info->attributes = (info->attributes & ~7u) | (t->attributes & 7u);
+  std::memset(info->name, 0, sizeof info->name);
+  if (t->file_name) std::strncpy(info->name, t->file_name, sizeof info->name - 1);
+  info->dialect = t->dialect;
+  info->has_memo = t->has_memo;
+  info->production_index = t->header[kHdrProduction];
+  info->reserved14 = t->header[kHdrReserved14];
+  info->reserved15 = t->header[kHdrReserved15];
+  info->lock_state = t->lock_state;
+  info->lock_count = t->lock_count;
+  return Succeed();
 }
 
-extern "C" KESTREL_API int32_t DBGetFileDescription(int32_t handle, int32_t* widest,
-                                                    DBFIELD* fields) {
-  return Guarded([&]() -> int32_t {
-    TableControl* t = LookUp(handle, kDinfo);
-    if (!t) return ErrorCode();
-    if (!widest || !fields) return KS_FAIL(kDinfo, DB_ERR_NULL);
-    for (uint32_t i = 0; i < t->field_count; ++i) Describe(t->fields[i], &fields[i]);
-    *widest = t->widest;
-    return Succeed();
-  });
+int32_t GetFileDescription(TableControl* t, int32_t* widest, DBFIELD* fields) {
+  for (uint32_t i = 0; i < t->field_count; ++i) Describe(t->fields[i], &fields[i]);
+  *widest = t->widest;
+  return Succeed();
 }
 
-extern "C" KESTREL_API int32_t DBGetFieldDescription(int32_t handle, int32_t field,
-                                                     DBFIELD* description) {
-  return Guarded([&]() -> int32_t {
-    TableControl* t = LookUpField(handle, field, kDinfo);
-    if (!t) return ErrorCode();
-    if (!description) return KS_FAIL(kDinfo, DB_ERR_NULL);
-    Describe(t->fields[field], description);
-    return Succeed();
-  });
+int32_t GetFieldDescription(TableControl* t, int32_t field, DBFIELD* description) {
+  Describe(t->fields[field], description);
+  return Succeed();
 }
 
-extern "C" KESTREL_API int32_t DBGetLastUpdate(int32_t handle, char* buffer, int32_t date_style) {
-  return Guarded([&]() -> int32_t {
-    TableControl* t = LookUp(handle, kDlud);
-    if (!t) return ErrorCode();
-    if (!buffer) return KS_FAIL(kDlud, DB_ERR_NULL);
-    // The year byte is read signed: 103 (written on create in 2003) gives
-    // 2003, 3 (written by a later update) gives 1903.
-    int32_t year = static_cast<int8_t>(t->header[kHdrYear]) + 1900;
-    SetErrorCode(0);
-    int32_t rc = DBDate3ToStr(buffer, date_style, year, t->header[kHdrMonth], t->header[kHdrDay]);
-    if (rc < 0) return KS_PASS(kDlud, rc);
-    return Succeed();
-  });
+int32_t GetLastUpdate(TableControl* t, char* buffer, int32_t date_style) {
+  // The year byte is read signed: 103 (written on create in 2003) gives
+  // 2003, 3 (written by a later update) gives 1903.
+  int32_t year = static_cast<int8_t>(t->header[kHdrYear]) + 1900;
+  SetErrorCode(0);
+  int32_t rc = DateToText(buffer, date_style, year, t->header[kHdrMonth], t->header[kHdrDay]);
+  if (rc < 0) return KS_PASS(kDlud, rc);
+  return Succeed();
 }
 
-extern "C" KESTREL_API int32_t DBSetProductionIndex(int32_t handle) {
-  return Guarded([&]() -> int32_t {
-    TableControl* t = LookUp(handle, kDhset);
-    if (!t) return ErrorCode();
-    if (t->dialect != 2 && t->dialect != 8) return FailQuiet(DB_ERR_VERSION);
-    if (t->attributes & kAttrReadOnly) return KS_FAIL(kDhset, DB_ERR_READ_ONLY);
-    SetErrorCode(0);
-    const uint8_t one = 1;
-    int32_t rc = WriteHeaderBytes(t, kHdrProduction, &one, 1);
-    if (rc < 0) return rc;
-    t->header[kHdrProduction] = 1;
-    return 0;
-  });
+int32_t SetProductionIndex(TableControl* t) {
+  if (t->dialect != 2 && t->dialect != 8) return FailQuiet(DB_ERR_VERSION);
+  if (t->attributes & kAttrReadOnly) return KS_FAIL(kDhset, DB_ERR_READ_ONLY);
+  SetErrorCode(0);
+  const uint8_t one = 1;
+  int32_t rc = WriteHeaderBytes(t, kHdrProduction, &one, 1);
+  if (rc < 0) return rc;
+  t->header[kHdrProduction] = 1;
+  return 0;
 }
 
-extern "C" KESTREL_API int32_t DBSetFieldIndexed(int32_t handle, int32_t field) {
-  return Guarded([&]() -> int32_t {
-    TableControl* t = LookUp(handle, kDhset);
-    if (!t) return ErrorCode();
-    if (t->dialect != 2 || t->header[kHdrProduction] == 0) return FailQuiet(DB_ERR_VERSION);
-    if (field < 0 || field >= t->field_count) return KS_FAIL(kDhset, DB_ERR_FIELD_COUNT);
-    if (t->attributes & kAttrReadOnly) return KS_FAIL(kDhset, DB_ERR_READ_ONLY);
-    SetErrorCode(0);
-    t->fields[field].indexed = 1;
-    const uint8_t one = 1;
-    uint64_t at = kHeaderSize + static_cast<uint64_t>(field) * kDescriptorSize + kDescIndexed;
-    return WriteHeaderBytes(t, at, &one, 1);
-  });
+int32_t SetFieldIndexed(TableControl* t, int32_t field) {
+  if (t->dialect != 2 || t->header[kHdrProduction] == 0) return FailQuiet(DB_ERR_VERSION);
+  if (field < 0 || field >= t->field_count) return KS_FAIL(kDhset, DB_ERR_FIELD_COUNT);
+  if (t->attributes & kAttrReadOnly) return KS_FAIL(kDhset, DB_ERR_READ_ONLY);
+  SetErrorCode(0);
+  t->fields[field].indexed = 1;
+  const uint8_t one = 1;
+  uint64_t at = kHeaderSize + static_cast<uint64_t>(field) * kDescriptorSize + kDescIndexed;
+  return WriteHeaderBytes(t, at, &one, 1);
 }
+
+}  // namespace kestrel::table

@@ -13,7 +13,6 @@
 //
 // The library-wide lock buffer (file_services.h) is the only record of which
 // regions this table holds.
-#include "runtime/boundary.h"
 #include "table/table_control.h"
 
 namespace kestrel::table {
@@ -182,26 +181,17 @@ int32_t UnlockHeaderRegion(TableControl* t) {
   return 0;
 }
 
-}  // namespace kestrel::table
-
-using namespace kestrel;
-using namespace kestrel::table;
-
 namespace {
 constexpr ModulePath kDlinfo = KS_ENGINE_MODULE("DLINFO");
 
 // Runs op on a shared table; an unshared table succeeds at once.
 template <class Op>
-int32_t OnShared(int32_t handle, Op op) {
-  return Guarded([&]() -> int32_t {
-    TableControl* t = LookUp(handle, kDopen);
-    if (!t) return ErrorCode();
-    SetErrorCode(0);
-    if (!t->Shared()) return 0;
-    int32_t rc = op(t);
-    if (rc < 0) return KS_PASS(kDopen, SetErrorCode(rc));
-    return 0;
-  });
+int32_t OnShared(TableControl* t, Op op) {
+  SetErrorCode(0);
+  if (!t->Shared()) return 0;
+  int32_t rc = op(t);
+  if (rc < 0) return KS_PASS(kDopen, SetErrorCode(rc));
+  return 0;
 }
 
 // Decodes one held region of this table back into a lock kind and record.
@@ -240,59 +230,44 @@ DBLOCKINFO Decode(const TableControl* t, const LockEntry& e) {
 }
 }  // namespace
 
-extern "C" KESTREL_API int32_t DBLockFile(int32_t handle) {
-  return OnShared(handle, [](TableControl* t) { return LockFileRegion(t); });
-}
+int32_t LockTable(TableControl* t) { return OnShared(t, LockFileRegion); }
 
-extern "C" KESTREL_API int32_t DBLockHeader(int32_t handle) {
-  return OnShared(handle, [](TableControl* t) { return LockHeaderRegion(t); });
-}
+int32_t LockHeader(TableControl* t) { return OnShared(t, LockHeaderRegion); }
 
-extern "C" KESTREL_API int32_t DBLockRecord(int32_t handle, int32_t recno) {
-  return OnShared(handle, [recno](TableControl* t) {
-    return LockRecordRegion(t, static_cast<uint32_t>(recno));
+int32_t LockRecord(TableControl* t, int32_t recno) {
+  return OnShared(t, [recno](TableControl* c) {
+    return LockRecordRegion(c, static_cast<uint32_t>(recno));
   });
 }
 
-extern "C" KESTREL_API int32_t DBUnLockRecord(int32_t handle, int32_t recno) {
-  return OnShared(handle, [recno](TableControl* t) {
-    return UnlockRecordRegion(t, static_cast<uint32_t>(recno));
+int32_t UnlockRecord(TableControl* t, int32_t recno) {
+  return OnShared(t, [recno](TableControl* c) {
+    return UnlockRecordRegion(c, static_cast<uint32_t>(recno));
   });
 }
 
-extern "C" KESTREL_API int32_t DBUnLockHeader(int32_t handle) {
-  return OnShared(handle, [](TableControl* t) { return UnlockHeaderRegion(t); });
+int32_t UnlockHeader(TableControl* t) { return OnShared(t, UnlockHeaderRegion); }
+
+int32_t UnlockAll(TableControl* t) { return OnShared(t, UnlockAllRegions); }
+
+int32_t IsRecordLocked(TableControl* t, int32_t recno) {
+  if (!t->Shared()) return ErrorCode();
+  return SetErrorCode(RecordLocked(t, static_cast<uint32_t>(recno)) ? 1 : 0);
 }
 
-extern "C" KESTREL_API int32_t DBUnLockAll(int32_t handle) {
-  return OnShared(handle, [](TableControl* t) { return UnlockAllRegions(t); });
+int32_t GetLockInfo(TableControl* t, DBLOCKINFO** locks, int32_t* count) {
+  SetErrorCode(0);
+  *count = t->lock_count;
+  if (t->lock_count <= 0) return 0;
+  auto* out = static_cast<DBLOCKINFO*>(MemAlloc(sizeof(DBLOCKINFO) * t->lock_count));
+  if (!out) return KS_FAIL(kDlinfo, DB_ERR_MEMORY);
+  const LibraryState& s = State();
+  int32_t filled = 0;
+  for (int i = 0; i < s.lock_count && filled < t->lock_count; ++i) {
+    if (s.locks[i].file == t->file) out[filled++] = Decode(t, s.locks[i]);
+  }
+  *locks = out;
+  return 0;
 }
 
-extern "C" KESTREL_API int32_t DBIsRecordLocked(int32_t handle, int32_t recno) {
-  return Guarded([&]() -> int32_t {
-    TableControl* t = LookUp(handle, kDopen);
-    if (!t) return ErrorCode();
-    if (!t->Shared()) return ErrorCode();
-    return SetErrorCode(RecordLocked(t, static_cast<uint32_t>(recno)) ? 1 : 0);
-  });
-}
-
-extern "C" KESTREL_API int32_t DBGetLockInfo(int32_t handle, DBLOCKINFO** locks, int32_t* count) {
-  return Guarded([&]() -> int32_t {
-    TableControl* t = LookUp(handle, kDlinfo);
-    if (!t) return ErrorCode();
-    if (!locks || !count) return KS_FAIL(kDlinfo, DB_ERR_NULL);
-    SetErrorCode(0);
-    *count = t->lock_count;
-    if (t->lock_count <= 0) return 0;
-    auto* out = static_cast<DBLOCKINFO*>(MemAlloc(sizeof(DBLOCKINFO) * t->lock_count));
-    if (!out) return KS_FAIL(kDlinfo, DB_ERR_MEMORY);
-    const LibraryState& s = State();
-    int32_t filled = 0;
-    for (int i = 0; i < s.lock_count && filled < t->lock_count; ++i) {
-      if (s.locks[i].file == t->file) out[filled++] = Decode(t, s.locks[i]);
-    }
-    *locks = out;
-    return 0;
-  });
-}
+}  // namespace kestrel::table

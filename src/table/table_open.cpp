@@ -9,20 +9,13 @@
 #include <cstring>
 
 #include "runtime/boundary.h"
+#include "runtime/boundary.h"
 #include "table/table_control.h"
 #include "util/coding.h"
 
 namespace kestrel::table {
 namespace {
 constexpr ModulePath kDopen = KS_ENGINE_MODULE("DOPEN");
-
-// Adjusts the open mode: automatic locking implies write-through and
-// sharing; read-only drops the automatic locking again (keeping 0x600).
-int32_t AdjustMode(int32_t mode) {
-  if (mode & DB_OPEN_AUTOLOCK) mode |= DB_OPEN_WRITETHROUGH | DB_OPEN_SHARED;
-  if (mode & DB_OPEN_READONLY) mode &= ~DB_OPEN_AUTOLOCK;
-  return mode;
-}
 
 // Decodes and checks the descriptors (raw, n x 32 bytes) into t->fields.
 int32_t ReadDescriptors(TableControl* t, const uint8_t* raw, uint32_t n) {
@@ -65,7 +58,7 @@ int32_t ReadDescriptors(TableControl* t, const uint8_t* raw, uint32_t n) {
 
 // Steps 2..8 of an open, on a control block that already holds a slot.
 int32_t OpenInto(TableControl* t, const char* name, int32_t mode) {
-  mode = AdjustMode(mode);
+  mode = NormaliseOpenSwitches(mode);
   int dialect = mode & 0xFF;
   t->dialect = static_cast<uint8_t>(dialect);
   int32_t rc = FileOpen(&t->file, name, mode, &t->attributes);
@@ -149,61 +142,52 @@ void Discard(int32_t handle, TableControl* t) {
   ReleaseHandle(handle);
 }
 
+int32_t OpenTable(int32_t* handle, const char* name, int32_t mode) {
+  TableControl* t = nullptr;
+  int32_t rc = AllocateHandle<TableControl>(handle, DB_KIND_TABLE, &t);
+  if (rc < 0) return KS_PASS(kDopen, rc);
+  RegisterCloseRoutine(DB_KIND_TABLE, &CloseTableHandle);
+  t->file = kNoFile;
+  rc = OpenInto(t, name, mode);
+  if (rc < 0) {
+    Discard(*handle, t);
+    *handle = -1;
+    return SetErrorCode(rc);
+  }
+  return Succeed();
+}
+
+int32_t FlushTable(TableControl* t) {
+  if (t->attributes & kAttrReadOnly) return KS_FAIL(kDopen, DB_ERR_READ_ONLY);
+  SetErrorCode(0);
+  int32_t rc = 0;
+  if (!t->Buffered()) {
+    rc = FileFlush(t->file);
+  } else {
+    rc = WriteBack(t, true, true);
+    // A shared table forgets its window so that the next read sees what
+    // other processes wrote.
+    if (rc >= 0 && t->Shared()) ResetCache(t);
+  }
+  if (rc < 0) return KS_PASS(kDopen, rc);
+  return 0;
+}
+
+int32_t CloseTable(int32_t handle, TableControl* t) {
+  SetErrorCode(0);
+  int32_t rc = 0;
+  if (t->Buffered() && !(t->attributes & kAttrReadOnly)) rc = WriteBack(t, true, true);
+  Discard(handle, t);
+  if (rc < 0) return KS_PASS(kDopen, SetErrorCode(rc));
+  return 0;
+}
+
+int32_t CloseTableHandle(int32_t handle) {
+  return Guarded([&]() -> int32_t {
+    TableControl* t = LookUp(handle, kDopen);
+    if (!t) return ErrorCode();
+    return CloseTable(handle, t);
+  });
+}
+
 }  // namespace kestrel::table
-
-using namespace kestrel;
-using namespace kestrel::table;
-
-extern "C" KESTREL_API int32_t DBOpenFile(int32_t* handle, const char* name, int32_t mode) {
-  return Guarded([&]() -> int32_t {
-    if (!handle || !name) {
-      if (handle) *handle = -1;
-      return KS_FAIL(kDopen, DB_ERR_NULL);
-    }
-    TableControl* t = nullptr;
-    int32_t rc = AllocateHandle<TableControl>(handle, DB_KIND_TABLE, &t);
-    if (rc < 0) return KS_PASS(kDopen, rc);
-    RegisterCloseRoutine(DB_KIND_TABLE, &DBCloseFile);
-    t->file = kNoFile;
-    rc = OpenInto(t, name, mode);
-    if (rc < 0) {
-      Discard(*handle, t);
-      *handle = -1;
-      return SetErrorCode(rc);
-    }
-    return Succeed();
-  });
-}
-
-extern "C" KESTREL_API int32_t DBFlushFile(int32_t handle) {
-  return Guarded([&]() -> int32_t {
-    TableControl* t = LookUp(handle, kDopen);
-    if (!t) return ErrorCode();
-    if (t->attributes & kAttrReadOnly) return KS_FAIL(kDopen, DB_ERR_READ_ONLY);
-    SetErrorCode(0);
-    int32_t rc = 0;
-    if (!t->Buffered()) {
-      rc = FileFlush(t->file);
-    } else {
-      rc = WriteBack(t, true, true);
-      // A shared table forgets its window so that the next read sees what
-      // other processes wrote.
-      if (rc >= 0 && t->Shared()) ResetCache(t);
-    }
-    if (rc < 0) return KS_PASS(kDopen, rc);
-    return 0;
-  });
-}
-
-extern "C" KESTREL_API int32_t DBCloseFile(int32_t handle) {
-  return Guarded([&]() -> int32_t {
-    TableControl* t = LookUp(handle, kDopen);
-    if (!t) return ErrorCode();
-    SetErrorCode(0);
-    int32_t rc = 0;
-    if (t->Buffered() && !(t->attributes & kAttrReadOnly)) rc = WriteBack(t, true, true);
-    Discard(handle, t);
-    if (rc < 0) return KS_PASS(kDopen, SetErrorCode(rc));
-    return 0;
-  });
-}

@@ -9,7 +9,6 @@
 //
 // A shared table must hold the file lock, or take it by itself when it was
 // opened with automatic locking (and then release all its locks at the end).
-#include "runtime/boundary.h"
 #include "table/table_control.h"
 #include "util/coding.h"
 
@@ -17,7 +16,7 @@ namespace kestrel::table {
 namespace {
 constexpr ModulePath kDzap = KS_ENGINE_MODULE("DZAP");
 
-int32_t Zap(TableControl* t) {
+int32_t Cut(TableControl* t) {
   uint8_t zero[4] = {};
   int32_t rc = FileWriteAt(t->file, kHdrRecordCount, zero, sizeof zero, 1);
   if (rc < 0) return KS_FAIL(kDzap, rc);
@@ -37,30 +36,24 @@ int32_t Zap(TableControl* t) {
   return 0;
 }
 }  // namespace
-}  // namespace kestrel::table
 
-using namespace kestrel;
-using namespace kestrel::table;
-
-extern "C" KESTREL_API int32_t DBZapFile(int32_t handle) {
-  return Guarded([&]() -> int32_t {
-    TableControl* t = LookUp(handle, kDzap);
-    if (!t) return ErrorCode();
-    if (t->attributes & kAttrReadOnly) return KS_FAIL(kDzap, DB_ERR_READ_ONLY);
-    SetErrorCode(0);
-    bool locked_here = false;
-    if (t->Shared() && t->lock_state != kLockFile) {
-      if (!(t->attributes & kAttrAutoLock)) return KS_FAIL(kDzap, DB_ERR_MUST_LOCK);
-      int32_t rc = LockFileRegion(t);
-      if (rc < 0) return KS_PASS(kDzap, SetErrorCode(rc));
-      locked_here = true;
-    }
-    int32_t rc = Zap(t);
-    if (locked_here) {
-      int32_t urc = CleanUp([&] { return UnlockAllRegions(t); });
-      if (rc >= 0 && urc < 0) rc = urc;
-    }
+int32_t ZapTable(TableControl* t) {
+  if (t->attributes & kAttrReadOnly) return KS_FAIL(kDzap, DB_ERR_READ_ONLY);
+  SetErrorCode(0);
+  bool locked_here = false;
+  if (t->Shared() && t->lock_state != kLockFile) {
+    if (!(t->attributes & kAttrAutoLock)) return KS_FAIL(kDzap, DB_ERR_MUST_LOCK);
+    int32_t rc = LockFileRegion(t);
     if (rc < 0) return KS_PASS(kDzap, SetErrorCode(rc));
-    return Succeed();
-  });
+    locked_here = true;
+  }
+  int32_t rc = Cut(t);
+  if (locked_here) {
+    int32_t urc = CleanUp([&] { return UnlockAllRegions(t); });
+    if (rc >= 0 && urc < 0) rc = urc;
+  }
+  if (rc < 0) return KS_PASS(kDzap, SetErrorCode(rc));
+  return Succeed();
 }
+
+}  // namespace kestrel::table

@@ -34,4 +34,9 @@ void ComputeSoundex(const char* text, char* result) {
   }
 }
 
+char* SoundexResult() {
+  static char result[kSoundexLength + 1] = {'0', '0', '0', '0', 0};
+  return result;
+}
+
 }  // namespace kestrel

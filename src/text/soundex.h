@@ -16,4 +16,8 @@ inline constexpr int kSoundexLength = 4;
 // Writes the four-character code and a zero into result[5].
 void ComputeSoundex(const char* text, char* result);
 
+// The buffer of the last DBSoundex result (four characters and a zero),
+// owned here because the caller gets a pointer to it.
+char* SoundexResult();
+
 }  // namespace kestrel

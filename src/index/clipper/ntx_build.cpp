@@ -15,6 +15,7 @@
 #include <cstring>
 
 #include "expr/evaluate.h"
+#include "expr/parse_entries.h"
 #include "index/clipper/ntx_index.h"
 #include "kestrel/kestrel_table.h"
 #include "runtime/file_services.h"
@@ -489,7 +490,7 @@ int32_t BuildIndex(int32_t table, const char* file_name, int32_t key_type, char*
   int32_t direct_field = -1;
   int direct_type = 0;
   Buffer field_text;
-  if (State().parse_entries.count == 0 && std::strpbrk(k.expression, "+-(),") == nullptr) {
+  if (expr::KeywordCount() == 0 && std::strpbrk(k.expression, "+-(),") == nullptr) {
     DBFIELD d{};
     int32_t f = -1;
     if (DBGetFieldNumber(table, &f, k.expression) >= 0 &&

@@ -175,9 +175,7 @@ int32_t OpenIndex(int32_t* handle, const char* file_name, int32_t open_mode) {
   ix->file = kNoFile;
   SetErrorCode(0);
 
-  int32_t mode = open_mode;
-  if (mode & DB_OPEN_READONLY) mode &= ~DB_OPEN_AUTOLOCK;
-  if (mode & DB_OPEN_AUTOLOCK) mode |= DB_OPEN_SHARED | DB_OPEN_WRITETHROUGH;
+  int32_t mode = NormaliseOpenSwitches(open_mode);
   uint32_t attributes = 0;
   rc = FileOpen(&ix->file, file_name, mode, &attributes);
   if (rc >= 0) {

@@ -15,6 +15,7 @@
 #include "index/common/page_cache.h"
 #include "index/common/path_stack.h"
 #include "index/common/search_modes.h"
+#include "kestrel/kestrel_expr.h"
 #include "runtime/handles.h"
 #include "runtime/library_state.h"
 #include "runtime/memory.h"
