@@ -31,27 +31,9 @@ int32_t Lookup(int32_t handle, DbtMemo** memo, ModulePath module) {
   return *memo ? 0 : ErrorCode();
 }
 
-// Runs a write under the memo lock: a shared file must be locked by the
-// caller, unless it was opened for automatic locking, in which case the lock
-// is taken for this one write.
 template <class Body>
 int32_t UnderWriteLock(DbtMemo& m, ModulePath module, Body&& body) {
-  if (!(m.attributes & kAttrShared) || m.locked) return body();
-  if (!(m.attributes & kAttrAutoLock)) return KS_FAIL(module, DB_ERR_MUST_LOCK);
-  int32_t rc = DbtLock(m);
-  if (rc < 0) return KS_PASS(module, rc);
-  // The lock taken here is released on every way out, a shortage of memory
-  // inside the write included.
-  struct Release {
-    DbtMemo& memo;
-    ~Release() { DbtUnlock(memo); }
-  } release{m};
-  int32_t result = body();
-  if (result >= 0) {
-    rc = DbtUnlock(m);
-    if (rc < 0) result = KS_PASS(module, rc);
-  }
-  return result;
+  return memo::UnderWriteLock(m, module, DbtLock, DbtUnlock, body);
 }
 
 }  // namespace
@@ -116,10 +98,8 @@ KESTREL_API int32_t DBxbGetMemoRecord(int32_t handle, uint32_t block, char** tex
       return KS_FAIL(kGet, DB_ERR_INVALID_COMMAND);
     }
     Succeed();
-    if ((m->attributes & kAttrShared) && !m->locked) {
-      rc = DbtReadHeader(*m);
-      if (rc < 0) return KS_PASS(kGet, rc);
-    }
+    rc = RefreshUnlessLocked(*m, kGet, DbtReadHeader);
+    if (rc < 0) return rc;
     uint8_t* data = nullptr;
     size_t length = 0;
     rc = DbtRead(*m, block, &data, &length);
@@ -195,10 +175,8 @@ KESTREL_API int32_t DBxbGetMemoInfo(int32_t handle, DBXBMEMOINFO* info) {
     int32_t rc = Lookup(handle, &m, kInfo);
     if (rc < 0) return rc;
     Succeed();
-    if ((m->attributes & kAttrShared) && !m->locked) {
-      rc = DbtReadHeader(*m);
-      if (rc < 0) return KS_PASS(kInfo, rc);
-    }
+    rc = RefreshUnlessLocked(*m, kInfo, DbtReadHeader);
+    if (rc < 0) return rc;
     FreeChainStats stats{};
     rc = DbtFreeChain(*m, &stats);
     if (rc < 0) return KS_PASS(kInfo, rc);

@@ -27,34 +27,13 @@ int32_t Lookup(int32_t handle, FptMemo** memo, ModulePath module) {
   return *memo ? 0 : ErrorCode();
 }
 
-// A shared file that this handle has not locked: automatic locking takes
-// the lock for the call, otherwise the caller must lock first.
 template <class Body>
 int32_t UnderWriteLock(FptMemo& m, ModulePath module, Body&& body) {
-  if (!(m.attributes & kAttrShared) || m.locked) return body();
-  if (!(m.attributes & kAttrAutoLock)) return KS_FAIL(module, DB_ERR_MUST_LOCK);
-  int32_t rc = FptLock(m);
-  if (rc < 0) return KS_PASS(module, rc);
-  // The lock taken here is released on every way out, a shortage of memory
-  // inside the write included.
-  struct Release {
-    FptMemo& memo;
-    ~Release() { FptUnlock(memo); }
-  } release{m};
-  int32_t result = body();
-  if (result >= 0) {
-    rc = FptUnlock(m);
-    if (rc < 0) result = KS_PASS(module, rc);
-  }
-  return result;
+  return memo::UnderWriteLock(m, module, FptLock, FptUnlock, body);
 }
 
-// The header of a shared file that is not locked may be stale.
 int32_t Refresh(FptMemo& m, ModulePath module) {
-  if (!(m.attributes & kAttrShared) || m.locked) return 0;
-  int32_t rc = FptReadHeader(m);
-  if (rc < 0) return KS_PASS(module, rc);
-  return 0;
+  return RefreshUnlessLocked(m, module, FptReadHeader);
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "memo/memo_common.h"
+#include "memo/memo_format.h"
 #include "runtime/file_services.h"
 #include "runtime/handles.h"
 #include "runtime/status.h"
@@ -22,23 +23,9 @@ constexpr ModulePath kPut = KS_ENGINE_MODULE("TRPUT");
 constexpr ModulePath kZap = KS_ENGINE_MODULE("TZAP");
 constexpr ModulePath kInfo = KS_ENGINE_MODULE("TINFO");
 
-// File header.
-constexpr size_t kNextFreeOffset = 0;
-constexpr size_t kHeaderWordSize = 4;
-constexpr size_t kIvHeaderSize = 24;  // significant bytes of a dBASE IV header
-constexpr size_t kIvNameOffset = 8;
-constexpr size_t kIvNameSize = 8;
-constexpr size_t kIvMark1Offset = 18;  // holds 2
-constexpr size_t kIvMark2Offset = 19;  // holds 1
-constexpr size_t kIvBlockSizeOffset = 20;
-constexpr uint32_t kMinIvBlockSize = 512;
-constexpr uint32_t kMaxIvBlockSize = 16384;
-
 // Memo and free-run headers of the dBASE IV layout.
-constexpr size_t kBlockHeaderSize = 8;
-constexpr size_t kBlockLengthOffset = 4;  // memo: length incl. header; run: blocks
-constexpr size_t kRunNextOffset = 0;
-constexpr uint8_t kMemoMark[4] = {0xFF, 0xFF, 0x08, 0x00};
+constexpr size_t kBlockHeaderSize = DbtBlockHeader::kSize;
+constexpr size_t kRunNextOffset = 0;  // where a free run keeps the next run
 
 // Plain layout.
 constexpr uint8_t kEndMark = 0x1A;
@@ -62,19 +49,17 @@ void NoteWrite(DbtMemo& m, uint64_t end) {
 }
 
 // The 24 significant bytes of a dBASE IV header for a file name.
-void BuildIvHeader(uint8_t* header, const char* name, uint32_t block_size, uint32_t next_free) {
-  std::memset(header, 0, kIvHeaderSize);
-  StoreLE32(header + kNextFreeOffset, next_free);
+void BuildIvHeader(uint8_t* bytes, const char* name, uint32_t block_size, uint32_t next_free) {
+  DbtHeader header;
+  header.next_free = next_free;
+  header.block_size = block_size;
   size_t base = BaseNameStart(name);
   size_t dot = ExtensionStart(name);
-  size_t n = std::min(dot - base, kIvNameSize - 1);
+  size_t n = std::min(dot - base, DbtHeader::kNameSize - 1);
   for (size_t i = 0; i < n; ++i) {
-    header[kIvNameOffset + i] =
-        static_cast<uint8_t>(std::toupper(static_cast<unsigned char>(name[base + i])));
+    header.name[i] = static_cast<char>(std::toupper(static_cast<unsigned char>(name[base + i])));
   }
-  header[kIvMark1Offset] = 2;
-  header[kIvMark2Offset] = 1;
-  StoreLE16(header + kIvBlockSizeOffset, static_cast<uint16_t>(block_size));
+  header.EncodeTo({bytes, DbtHeader::kSize});
 }
 
 // Writes a fresh file image (header block(s) and the end mark) and cuts the
@@ -87,7 +72,7 @@ int32_t WriteEmptyFile(FileHandle file, bool iv, const char* name, uint32_t bloc
   if (iv) {
     BuildIvHeader(image.data(), name, block_size, 1);
   } else {
-    StoreLE32(image.data() + kNextFreeOffset, 1);
+    DbtHeader{1, 0, {}}.EncodeWordTo({image.data(), DbtHeader::kWordSize});
   }
   image[header_size] = kEndMark;
   int32_t rc = FileWriteAt(file, 0, image.data(), image.size(), flush);
@@ -98,9 +83,9 @@ int32_t WriteEmptyFile(FileHandle file, bool iv, const char* name, uint32_t bloc
 }
 
 int32_t WriteHeaderWord(DbtMemo& m, ModulePath module) {
-  uint8_t word[kHeaderWordSize];
-  StoreLE32(word, m.next_free);
-  int32_t rc = FileWriteAt(m.file, kNextFreeOffset, word, sizeof word, FlushFlag(m));
+  uint8_t word[DbtHeader::kWordSize];
+  DbtHeader{m.next_free, 0, {}}.EncodeWordTo(word);
+  int32_t rc = FileWriteAt(m.file, DbtHeader::kNextFree, word, sizeof word, FlushFlag(m));
   if (rc < 0) return KS_PASS(module, rc);
   return 0;
 }
@@ -148,10 +133,12 @@ int32_t ScanPlain(DbtMemo& m, uint64_t pos, Buffer* out, size_t* length, ModuleP
 int32_t ReadIvMemoHeader(DbtMemo& m, uint32_t b, size_t* length, ModulePath module) {
   uint64_t pos = static_cast<uint64_t>(b) * m.block_size;
   if (pos + kBlockHeaderSize > m.file_size) return KS_FAIL(module, DB_ERR_CORRUPTED);
-  uint8_t header[kBlockHeaderSize];
-  int32_t rc = FileReadAt(m.file, pos, header, sizeof header);
+  uint8_t bytes[kBlockHeaderSize];
+  int32_t rc = FileReadAt(m.file, pos, bytes, sizeof bytes);
   if (rc < 0) return KS_PASS(module, rc);
-  uint32_t stored = LoadLE32(header + kBlockLengthOffset);
+  DbtBlockHeader header;
+  header.DecodeFrom(bytes);
+  uint32_t stored = header.second;
   // A length that does not fit in the file is refused before anything is
   // allocated for it.
   if (stored < kBlockHeaderSize ||
@@ -180,9 +167,11 @@ int32_t TakeFreeRun(DbtMemo& m, uint32_t need, uint32_t* found, uint32_t* next_f
     if (rc < 0) return KS_PASS(kPut, rc);
     // A memo where a run should be means the chain ended at what was once
     // the end of the file; stop there.
-    if (std::memcmp(run, kMemoMark, sizeof kMemoMark) == 0) break;
-    uint32_t next = LoadLE32(run + kRunNextOffset);
-    uint32_t blocks = LoadLE32(run + kBlockLengthOffset);
+    DbtBlockHeader header;
+    header.DecodeFrom(run);
+    if (header.memo) break;
+    uint32_t next = header.first;
+    uint32_t blocks = header.second;
     if (blocks == 0 || static_cast<uint64_t>(h) + blocks > m.block_count) break;
     if (blocks >= need) {
       if (prev == 0) {
@@ -285,8 +274,7 @@ int32_t WriteIv(DbtMemo& m, uint32_t replace_block, const uint8_t* text, size_t 
       // back whole, and the rest of its last block is cleared so that no
       // stale text of the old memo follows it.
       Vec<uint8_t> image(static_cast<size_t>(blocks) * bs, 0);
-      std::memcpy(image.data(), kMemoMark, sizeof kMemoMark);
-      StoreLE32(image.data() + kBlockLengthOffset, static_cast<uint32_t>(need));
+      DbtBlockHeader::EncodeMemo({image.data(), kBlockHeaderSize}, static_cast<uint32_t>(need));
       std::memcpy(image.data() + kBlockHeaderSize, text, length);
       uint64_t pos = static_cast<uint64_t>(replace_block) * bs;
       rc = FileWriteAt(m.file, pos, image.data(), image.size(), FlushFlag(m));
@@ -324,8 +312,7 @@ int32_t WriteIv(DbtMemo& m, uint32_t replace_block, const uint8_t* text, size_t 
     }
     count = target + blocks;
   }
-  std::memcpy(image.data(), kMemoMark, sizeof kMemoMark);
-  StoreLE32(image.data() + kBlockLengthOffset, static_cast<uint32_t>(need));
+  DbtBlockHeader::EncodeMemo({image.data(), kBlockHeaderSize}, static_cast<uint32_t>(need));
   std::memcpy(image.data() + kBlockHeaderSize, text, length);
   uint64_t pos = static_cast<uint64_t>(target) * bs;
   rc = FileWriteAt(m.file, pos, image.data(), image.size(), FlushFlag(m));
@@ -335,8 +322,7 @@ int32_t WriteIv(DbtMemo& m, uint32_t replace_block, const uint8_t* text, size_t 
   if (old_blocks != 0) {
     // The old run goes to the head of the free chain.
     uint8_t run[kBlockHeaderSize];
-    StoreLE32(run + kRunNextOffset, next_free);
-    StoreLE32(run + kBlockLengthOffset, old_blocks);
+    DbtBlockHeader::EncodeRun(run, next_free, old_blocks);
     rc = FileWriteAt(m.file, static_cast<uint64_t>(replace_block) * bs, run, sizeof run,
                      FlushFlag(m));
     if (rc < 0) return KS_PASS(kPut, rc);
@@ -374,11 +360,13 @@ int32_t DbtReadHeader(DbtMemo& m) {
   uint64_t size = 0;
   int32_t rc = FileSize(m.file, &size);
   if (rc < 0) return KS_PASS(kOpen, rc);
-  if (size < kHeaderWordSize) return KS_FAIL(kOpen, DB_ERR_NOT_MEMO);
-  uint8_t word[kHeaderWordSize];
-  rc = FileReadAt(m.file, kNextFreeOffset, word, sizeof word);
+  if (size < DbtHeader::kWordSize) return KS_FAIL(kOpen, DB_ERR_NOT_MEMO);
+  uint8_t word[DbtHeader::kWordSize];
+  rc = FileReadAt(m.file, DbtHeader::kNextFree, word, sizeof word);
   if (rc < 0) return KS_PASS(kOpen, rc);
-  m.next_free = LoadLE32(word);
+  DbtHeader header;
+  header.DecodeWordFrom(word);
+  m.next_free = header.next_free;
   m.file_size = size;
   m.block_count = BlocksFor(size, m.block_size);
   return 0;
@@ -415,17 +403,19 @@ int32_t DbtOpen(int32_t* handle, const char* name, int32_t mode) {
   uint64_t size = 0;
   rc = FileSize(m->file, &size);
   if (rc < 0) return fail(KS_PASS(kOpen, rc));
-  size_t minimum = IsIvLayout(*m) ? kIvHeaderSize : kPlainBlockSize;
+  size_t minimum = IsIvLayout(*m) ? DbtHeader::kSize : kPlainBlockSize;
   if (size < minimum) return fail(KS_FAIL(kOpen, DB_ERR_NOT_MEMO));
-  uint8_t header[kIvHeaderSize];
-  rc = FileReadAt(m->file, 0, header, sizeof header);
+  uint8_t bytes[DbtHeader::kSize];
+  rc = FileReadAt(m->file, 0, bytes, sizeof bytes);
   if (rc < 0) return fail(KS_PASS(kOpen, rc));
+  DbtHeader header;
   if (IsIvLayout(*m)) {
-    uint32_t bs = LoadLE16(header + kIvBlockSizeOffset);
-    if (bs < kMinIvBlockSize || bs > kMaxIvBlockSize) return fail(KS_FAIL(kOpen, DB_ERR_PAGE_SIZE));
-    m->block_size = bs;
+    if (!header.DecodeFrom(bytes)) return fail(KS_FAIL(kOpen, DB_ERR_PAGE_SIZE));
+    m->block_size = header.block_size;
+  } else {
+    header.DecodeWordFrom(bytes);
   }
-  m->next_free = LoadLE32(header + kNextFreeOffset);
+  m->next_free = header.next_free;
   m->file_size = size;
   m->block_count = BlocksFor(size, m->block_size);
   if (!CopyName(m->name, name)) return fail(KS_FAIL(kOpen, DB_ERR_MEMORY));
@@ -513,12 +503,14 @@ int32_t DbtFreeChain(DbtMemo& m, FreeChainStats* stats) {
     uint8_t run[kBlockHeaderSize];
     int32_t rc = FileReadAt(m.file, pos, run, sizeof run);
     if (rc < 0) return KS_PASS(kInfo, rc);
-    if (std::memcmp(run, kMemoMark, sizeof kMemoMark) == 0) break;
-    uint32_t blocks = LoadLE32(run + kBlockLengthOffset);
+    DbtBlockHeader header;
+    header.DecodeFrom(run);
+    if (header.memo) break;
+    uint32_t blocks = header.second;
     if (blocks == 0 || static_cast<uint64_t>(h) + blocks > m.block_count) break;
     ++stats->runs;
     stats->blocks += blocks;
-    h = LoadLE32(run + kRunNextOffset);
+    h = header.first;
   }
   return 0;
 }

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "memo/memo_common.h"
+#include "memo/memo_format.h"
 #include "runtime/file_services.h"
 #include "runtime/handles.h"
 #include "runtime/status.h"
@@ -19,16 +20,8 @@ constexpr ModulePath kGet = KS_ENGINE_MODULE("WRGET");
 constexpr ModulePath kPut = KS_ENGINE_MODULE("WRPUT");
 constexpr ModulePath kZap = KS_ENGINE_MODULE("WZAP");
 
-constexpr size_t kNextFreeOffset = 0;
-constexpr size_t kBlockSizeOffset = 6;  // 16-bit; bytes 4-5 are zero
-constexpr size_t kFileHeaderSize = 8;
 constexpr uint32_t kHeaderBytes = 512;  // the header's blocks cover these
-constexpr uint32_t kMinBlockSize = 33;
-constexpr uint32_t kMaxBlockSize = 16384;
-
-constexpr size_t kTypeOffset = 0;
-constexpr size_t kLengthOffset = 4;
-constexpr size_t kMemoHeaderSize = 8;
+constexpr size_t kMemoHeaderSize = FptBlockHeader::kSize;
 
 int32_t FlushFlag(const FptMemo& m) { return (m.attributes & kAttrWriteThrough) ? 1 : 0; }
 
@@ -39,7 +32,7 @@ uint32_t FirstDataBlock(uint32_t block_size) {
 int32_t WriteNextFree(FptMemo& m, uint32_t next_free, ModulePath module) {
   uint8_t word[4];
   StoreBE32(word, next_free);
-  int32_t rc = FileWriteAt(m.file, kNextFreeOffset, word, sizeof word, FlushFlag(m));
+  int32_t rc = FileWriteAt(m.file, FptHeader::kNextFree, word, sizeof word, FlushFlag(m));
   if (rc < 0) return KS_PASS(module, rc);
   return 0;
 }
@@ -62,9 +55,8 @@ int32_t FptCreate(const char* name, int32_t block_code) {
   FileHandle file = kNoFile;
   int32_t rc = FileCreate(&file, name);
   if (rc < 0) return KS_PASS(kCreate, rc);
-  uint8_t header[kFileHeaderSize] = {};
-  StoreBE32(header + kNextFreeOffset, next_free);
-  StoreBE16(header + kBlockSizeOffset, static_cast<uint16_t>(bs));
+  uint8_t header[FptHeader::kSize];
+  FptHeader{next_free, bs}.EncodeTo(header);
   rc = FileWriteAt(file, 0, header, sizeof header, 0);
   if (rc >= 0) rc = FileTruncate(file, static_cast<uint64_t>(next_free) * bs);
   FileClose(file);
@@ -77,13 +69,13 @@ int32_t FptReadHeader(FptMemo& m) {
   int32_t rc = FileSize(m.file, &size);
   if (rc < 0) return KS_PASS(kOpen, rc);
   if (size < kHeaderBytes) return KS_FAIL(kOpen, DB_ERR_NOT_MEMO);
-  uint8_t header[kFileHeaderSize];
-  rc = FileReadAt(m.file, 0, header, sizeof header);
+  uint8_t bytes[FptHeader::kSize];
+  rc = FileReadAt(m.file, 0, bytes, sizeof bytes);
   if (rc < 0) return KS_PASS(kOpen, rc);
-  uint32_t bs = LoadBE16(header + kBlockSizeOffset);
-  if (bs < kMinBlockSize || bs > kMaxBlockSize) return KS_FAIL(kOpen, DB_ERR_PAGE_SIZE);
-  m.block_size = bs;
-  m.next_free = LoadBE32(header + kNextFreeOffset);
+  FptHeader header;
+  if (!header.DecodeFrom(bytes)) return KS_FAIL(kOpen, DB_ERR_PAGE_SIZE);
+  m.block_size = header.block_size;
+  m.next_free = header.next_free;
   m.file_size = size;
   return 0;
 }
@@ -151,11 +143,13 @@ int32_t FptMemoHeader(FptMemo& m, uint32_t block, uint32_t* type, uint32_t* leng
   if (!ValidBlock(m, block)) return KS_FAIL(kGet, DB_ERR_SEEK);
   uint64_t pos = static_cast<uint64_t>(block) * m.block_size;
   if (pos + kMemoHeaderSize > m.file_size) return KS_FAIL(kGet, DB_ERR_CORRUPTED);
-  uint8_t header[kMemoHeaderSize];
-  int32_t rc = FileReadAt(m.file, pos, header, sizeof header);
+  uint8_t bytes[kMemoHeaderSize];
+  int32_t rc = FileReadAt(m.file, pos, bytes, sizeof bytes);
   if (rc < 0) return KS_PASS(kGet, rc);
-  *type = LoadBE32(header + kTypeOffset);
-  *length = LoadBE32(header + kLengthOffset);
+  FptBlockHeader header;
+  header.DecodeFrom(bytes);
+  *type = header.type;
+  *length = header.length;
   // A length beyond the end of the file is refused before any allocation.
   if (*length > m.file_size - pos - kMemoHeaderSize) return KS_FAIL(kGet, DB_ERR_CORRUPTED);
   return 0;
@@ -250,8 +244,7 @@ int32_t FptWrite(FptMemo& m, uint32_t* block, const uint8_t* data, uint32_t leng
     next_free = static_cast<uint32_t>(target + span);
   }
   uint64_t pos = static_cast<uint64_t>(target) * bs;
-  StoreBE32(image.data() + kTypeOffset, type);
-  StoreBE32(image.data() + kLengthOffset, total);
+  FptBlockHeader{type, total}.EncodeTo({image.data(), kMemoHeaderSize});
   std::memcpy(image.data() + kMemoHeaderSize, data, length);
   int32_t rc = FileWriteAt(m.file, pos, image.data(), image.size(), FlushFlag(m));
   if (rc < 0) return KS_PASS(kPut, rc);

@@ -6,8 +6,10 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "runtime/auto_lock.h"
 #include "runtime/file_services.h"
 #include "runtime/memory.h"
+#include "runtime/status.h"
 
 namespace kestrel::memo {
 
@@ -36,6 +38,35 @@ inline constexpr uint8_t kLineFeed = 0x0A;
 
 // Attribute bits (besides those FileOpen sets) for a normalised switch word.
 uint32_t AttributesFor(int32_t switches);
+
+// The write rule of both formats: a shared file that this handle has not
+// locked must be locked by the caller first (-242), unless it was opened for
+// automatic locking, in which case the memo lock is taken for this one
+// write and released on every way out.
+template <class Memo, class Lock, class Unlock, class Body>
+int32_t UnderWriteLock(Memo& m, ModulePath module, Lock lock, Unlock unlock, Body&& body) {
+  if (!(m.attributes & kAttrShared) || m.locked) return body();
+  if (!(m.attributes & kAttrAutoLock)) return KS_FAIL(module, DB_ERR_MUST_LOCK);
+  AutoLock held([&m, unlock] { return unlock(m); });
+  int32_t rc = lock(m);
+  if (rc < 0) return KS_PASS(module, rc);
+  held.Hold();
+  int32_t result = body();
+  if (result < 0) return result;
+  rc = held.Release(result);
+  if (rc < 0) return KS_PASS(module, rc);
+  return result;
+}
+
+// The read rule of both formats: the header of a shared file that this
+// handle has not locked may be stale and is read again first.
+template <class Memo, class ReadHeader>
+int32_t RefreshUnlessLocked(Memo& m, ModulePath module, ReadHeader read_header) {
+  if (!(m.attributes & kAttrShared) || m.locked) return 0;
+  int32_t rc = read_header(m);
+  if (rc < 0) return KS_PASS(module, rc);
+  return 0;
+}
 
 // Wraps text at soft_length characters per line by inserting 0x8D 0x0A after
 // the last blank that fits, or inside a word longer than the line.  Hard line

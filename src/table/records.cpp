@@ -8,6 +8,7 @@
 // first out.
 #include <cstring>
 
+#include "runtime/auto_lock.h"
 #include "table/field_convert.h"
 #include "table/table_control.h"
 #include "util/coding.h"
@@ -174,12 +175,11 @@ template <class Write>
 int32_t UnderRecordLock(TableControl* t, uint32_t r, ModulePath module, Write write) {
   if (!t->Shared() || t->lock_state == kLockFile || RecordLocked(t, r)) return write();
   if (!(t->attributes & kAttrAutoLock)) return KS_FAIL(module, DB_ERR_MUST_LOCK);
+  AutoLock lock([t, r] { return UnlockRecordRegion(t, r); });
   int32_t rc = LockRecordRegion(t, r);
   if (rc < 0) return KS_PASS(module, rc);
-  rc = write();
-  int32_t urc = CleanUp([&] { return UnlockRecordRegion(t, r); });
-  if (rc >= 0 && urc < 0) rc = urc;
-  return rc;
+  lock.Hold();
+  return lock.Release(write());
 }
 
 int32_t Unpack(TableControl* t, uint8_t* out) {
@@ -236,11 +236,11 @@ int32_t PutRecord(TableControl* t, const void* buffer, int32_t* recno, int32_t m
   if (mode == DB_RECORD_APPEND) {
     if (t->Shared() && !(t->lock_state & (kLockFile | kLockHeader))) {
       if (!(t->attributes & kAttrAutoLock)) return KS_FAIL(kDrput, DB_ERR_MUST_LOCK);
+      AutoLock lock([t] { return UnlockHeaderRegion(t); });
       rc = LockHeaderRegion(t);
       if (rc < 0) return KS_PASS(kDrput, SetErrorCode(rc));
-      rc = AppendRecord(t, recno);
-      int32_t urc = CleanUp([&] { return UnlockHeaderRegion(t); });
-      if (rc >= 0 && urc < 0) rc = urc;
+      lock.Hold();
+      rc = lock.Release(AppendRecord(t, recno));
     } else {
       rc = AppendRecord(t, recno);
     }

@@ -1,6 +1,7 @@
 // The header of an open table: re-reading the record count that other
 // processes may have changed, and writing the header back with today's date.
 #include "datetime/dates.h"
+#include "runtime/auto_lock.h"
 #include "table/table_control.h"
 #include "util/coding.h"
 
@@ -39,12 +40,12 @@ int32_t RefreshIfStale(TableControl* t) {
 }
 
 int32_t WriteHeader(TableControl* t, bool own_count) {
-  bool locked_here = false;
+  AutoLock lock([t] { return UnlockHeaderRegion(t); });
   uint32_t mine = t->RecordCount();
   if (t->Shared() && t->lock_count == 0) {
     int32_t rc = LockHeaderRegion(t);
     if (rc < 0) return KS_PASS(kDopen, rc);
-    locked_here = true;
+    lock.Hold();
     // Taking the lock re-read the count; an append being written keeps its own.
     if (own_count && mine > t->RecordCount()) t->SetRecordCount(mine);
   }
@@ -68,10 +69,7 @@ int32_t WriteHeader(TableControl* t, bool own_count) {
       rc = FileWriteAt(t->file, 0, t->header, kHeaderSize, t->write_through);
     }
   }
-  if (locked_here) {
-    int32_t urc = CleanUp([&] { return UnlockHeaderRegion(t); });
-    if (rc >= 0 && urc < 0) rc = urc;
-  }
+  rc = lock.Release(rc);
   if (rc < 0) return KS_FAIL(kDopen, rc);
   return 0;
 }

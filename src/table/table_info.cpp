@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "datetime/dates.h"
+#include "runtime/auto_lock.h"
 #include "table/table_control.h"
 
 namespace kestrel::table {
@@ -21,17 +22,13 @@ void Describe(const FieldInfo& f, DBFIELD* out) {
 // Writes `count` bytes of the header area at `offset` through at once,
 // locking the header of a shared table that holds neither header nor file.
 int32_t WriteHeaderBytes(TableControl* t, uint64_t offset, const uint8_t* bytes, size_t count) {
-  bool locked_here = false;
+  AutoLock lock([t] { return UnlockHeaderRegion(t); });
   if (t->Shared() && !(t->lock_state & (kLockHeader | kLockFile))) {
     int32_t rc = LockHeaderRegion(t);
     if (rc < 0) return KS_PASS(kDhset, rc);
-    locked_here = true;
+    lock.Hold();
   }
-  int32_t rc = FileWriteAt(t->file, offset, bytes, count, 1);
-  if (locked_here) {
-    int32_t urc = CleanUp([&] { return UnlockHeaderRegion(t); });
-    if (rc >= 0 && urc < 0) rc = urc;
-  }
+  int32_t rc = lock.Release(FileWriteAt(t->file, offset, bytes, count, 1));
   if (rc < 0) return KS_FAIL(kDhset, rc);
   return 0;
 }

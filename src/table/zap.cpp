@@ -9,6 +9,7 @@
 //
 // A shared table must hold the file lock, or take it by itself when it was
 // opened with automatic locking (and then release all its locks at the end).
+#include "runtime/auto_lock.h"
 #include "table/table_control.h"
 #include "util/coding.h"
 
@@ -40,18 +41,14 @@ int32_t Cut(TableControl* t) {
 int32_t ZapTable(TableControl* t) {
   if (t->attributes & kAttrReadOnly) return KS_FAIL(kDzap, DB_ERR_READ_ONLY);
   SetErrorCode(0);
-  bool locked_here = false;
+  AutoLock lock([t] { return UnlockAllRegions(t); });
   if (t->Shared() && t->lock_state != kLockFile) {
     if (!(t->attributes & kAttrAutoLock)) return KS_FAIL(kDzap, DB_ERR_MUST_LOCK);
     int32_t rc = LockFileRegion(t);
     if (rc < 0) return KS_PASS(kDzap, SetErrorCode(rc));
-    locked_here = true;
+    lock.Hold();
   }
-  int32_t rc = Cut(t);
-  if (locked_here) {
-    int32_t urc = CleanUp([&] { return UnlockAllRegions(t); });
-    if (rc >= 0 && urc < 0) rc = urc;
-  }
+  int32_t rc = lock.Release(Cut(t));
   if (rc < 0) return KS_PASS(kDzap, SetErrorCode(rc));
   return Succeed();
 }
