@@ -91,24 +91,26 @@ int32_t CreateTable(const char* name, int32_t field_count, DBFIELD* fields, int3
   Buffer image;
   if (!image.Allocate(header_length + 1)) return KS_FAIL(kDcreate, DB_ERR_MEMORY);
   uint8_t* h = image.data();
-  h[kHdrVersion] = version;
-  h[kHdrYear] = static_cast<uint8_t>(year - 1900);
-  h[kHdrMonth] = static_cast<uint8_t>(month);
-  h[kHdrDay] = static_cast<uint8_t>(day);
-  StoreLE32(h + kHdrRecordCount, 0);
-  StoreLE16(h + kHdrHeaderLength, static_cast<uint16_t>(header_length));
-  StoreLE16(h + kHdrRecordLength, static_cast<uint16_t>(record_length));
-  h[kHdrProduction] = production ? 1 : 0;
+  TableHeader header;
+  header.version = version;
+  header.year = static_cast<uint8_t>(year - 1900);
+  header.month = static_cast<uint8_t>(month);
+  header.day = static_cast<uint8_t>(day);
+  header.header_length = static_cast<uint16_t>(header_length);
+  header.record_length = static_cast<uint16_t>(record_length);
+  header.production = production ? 1 : 0;
+  header.EncodeTo({h, kHeaderSize});
   for (uint32_t i = 0; i < n; ++i) {
-    uint8_t* d = h + kHeaderSize + i * kDescriptorSize;
     const DBFIELD& f = fields[i];
-    std::memcpy(d + kDescName, f.name, strnlen(f.name, kDescNameSize));
+    FieldDescriptor d;
+    std::memcpy(d.name, f.name, strnlen(f.name, kDescNameSize));
     uint8_t type = static_cast<uint8_t>(f.type & 0xFF);
-    d[kDescType] = type;
-    d[kDescLength] = static_cast<uint8_t>(f.length & 0xFF);
-    d[kDescDecimals] = type == 'C' ? static_cast<uint8_t>((f.length >> 8) & 0xFF)
-                                   : static_cast<uint8_t>(f.decimals);
-    if (production && dialect == 2) d[kDescIndexed] = (f.type >> 8) & 1;
+    d.type = type;
+    d.length = static_cast<uint8_t>(f.length & 0xFF);
+    d.decimals = type == 'C' ? static_cast<uint8_t>((f.length >> 8) & 0xFF)
+                             : static_cast<uint8_t>(f.decimals);
+    if (production && dialect == 2) d.indexed = (f.type >> 8) & 1;
+    d.EncodeTo({h + kHeaderSize + i * kDescriptorSize, kDescriptorSize});
   }
   // Terminator (a 0x0D byte, or in dialect 9 a block starting with it),
   // then the end-of-file marker of the empty table.

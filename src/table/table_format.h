@@ -36,6 +36,10 @@
 #pragma once
 
 #include <cstdint>
+#include <cstring>
+#include <span>
+
+#include "util/coding.h"
 
 namespace kestrel::table {
 
@@ -91,6 +95,89 @@ inline constexpr uint32_t BinaryTypeSize(int type) {
       return 0;
   }
 }
+
+// The 32-byte file header.
+struct TableHeader {
+  uint8_t version = 0;
+  uint8_t year = 0;  // as stored (create: year - 1900; later updates: year % 100)
+  uint8_t month = 0;
+  uint8_t day = 0;
+  uint32_t record_count = 0;
+  uint16_t header_length = 0;
+  uint16_t record_length = 0;
+  uint8_t reserved14 = 0;
+  uint8_t reserved15 = 0;
+  uint32_t chain_head = 0;
+  uint8_t production = 0;
+
+  // Reads kHeaderSize bytes; false when the update date is not a month
+  // 1..12 and a day 1..31 (the one check every dialect makes).
+  bool DecodeFrom(std::span<const uint8_t> bytes) {
+    const uint8_t* b = bytes.data();
+    version = b[kHdrVersion];
+    year = b[kHdrYear];
+    month = b[kHdrMonth];
+    day = b[kHdrDay];
+    record_count = LoadLE32(b + kHdrRecordCount);
+    header_length = LoadLE16(b + kHdrHeaderLength);
+    record_length = LoadLE16(b + kHdrRecordLength);
+    reserved14 = b[kHdrReserved14];
+    reserved15 = b[kHdrReserved15];
+    chain_head = LoadLE32(b + kHdrChainHead);
+    production = b[kHdrProduction];
+    return month >= 1 && month <= 12 && day >= 1 && day <= 31;
+  }
+  // Writes kHeaderSize bytes (the reserved bytes not kept here are zero).
+  void EncodeTo(std::span<uint8_t> bytes) const {
+    uint8_t* b = bytes.data();
+    std::memset(b, 0, kHeaderSize);
+    b[kHdrVersion] = version;
+    b[kHdrYear] = year;
+    b[kHdrMonth] = month;
+    b[kHdrDay] = day;
+    StoreLE32(b + kHdrRecordCount, record_count);
+    StoreLE16(b + kHdrHeaderLength, header_length);
+    StoreLE16(b + kHdrRecordLength, record_length);
+    b[kHdrReserved14] = reserved14;
+    b[kHdrReserved15] = reserved15;
+    StoreLE32(b + kHdrChainHead, chain_head);
+    b[kHdrProduction] = production;
+  }
+};
+
+// One 32-byte field descriptor, as stored.
+struct FieldDescriptor {
+  char name[kDescNameSize] = {};  // zero-padded; not upper-cased here
+  uint8_t name_length = 0;        // characters before the first zero
+  uint8_t type = 0;               // as stored
+  uint8_t length = 0;             // low byte of the length
+  uint8_t decimals = 0;           // decimals; for C the high byte of the length
+  uint8_t indexed = 0;            // dialect 2: the field has a production tag
+
+  // Reads kDescriptorSize bytes; false when the name has no terminating
+  // zero within its 11 bytes (a name is at most 10 characters).
+  bool DecodeFrom(std::span<const uint8_t> bytes) {
+    const uint8_t* d = bytes.data();
+    std::memcpy(name, d + kDescName, kDescNameSize);
+    name_length = 0;
+    while (name_length < kDescNameSize && name[name_length] != 0) ++name_length;
+    type = d[kDescType];
+    length = d[kDescLength];
+    decimals = d[kDescDecimals];
+    indexed = d[kDescIndexed];
+    return name_length < kDescNameSize;
+  }
+  // Writes kDescriptorSize bytes (zeros where nothing is stored).
+  void EncodeTo(std::span<uint8_t> bytes) const {
+    uint8_t* d = bytes.data();
+    std::memset(d, 0, kDescriptorSize);
+    std::memcpy(d + kDescName, name, kDescNameSize);
+    d[kDescType] = type;
+    d[kDescLength] = length;
+    d[kDescDecimals] = decimals;
+    d[kDescIndexed] = indexed;
+  }
+};
 
 // Dialect families.
 inline bool IsDbase4(int d) { return d == 2; }

@@ -27,18 +27,20 @@ int32_t ReadDescriptors(TableControl* t, const uint8_t* raw, uint32_t n) {
   uint32_t offset = 1;
   uint32_t widest = 0;
   for (uint32_t i = 0; i < n; ++i) {
-    const uint8_t* d = raw + i * kDescriptorSize;
+    FieldDescriptor d;
+    if (!d.DecodeFrom({raw + i * kDescriptorSize, kDescriptorSize})) {
+      return KS_FAIL(kDopen, DB_ERR_FIELD_NAME);
+    }
     FieldInfo& f = fields[i];
-    uint32_t name_length = 0;
-    while (name_length < kDescNameSize && d[kDescName + name_length] != 0) ++name_length;
-    if (name_length >= kDescNameSize) return KS_FAIL(kDopen, DB_ERR_FIELD_NAME);
-    for (uint32_t k = 0; k < name_length; ++k) f.name[k] = static_cast<char>(UpperAscii(d[k]));
-    f.name_length = static_cast<uint8_t>(name_length);
-    f.type = UpperAscii(d[kDescType]);
-    f.decimals = d[kDescDecimals];
-    f.indexed = d[kDescIndexed];
-    f.length = d[kDescLength];
-    if (f.type == 'C') f.length += static_cast<uint32_t>(d[kDescDecimals]) << 8;
+    for (uint32_t k = 0; k < d.name_length; ++k) {
+      f.name[k] = static_cast<char>(UpperAscii(static_cast<uint8_t>(d.name[k])));
+    }
+    f.name_length = d.name_length;
+    f.type = UpperAscii(d.type);
+    f.decimals = d.decimals;
+    f.indexed = d.indexed;
+    f.length = d.length;
+    if (f.type == 'C') f.length += static_cast<uint32_t>(d.decimals) << 8;
     f.offset = offset;
     offset += f.length;
     if (f.length > widest) widest = f.length;
@@ -84,13 +86,13 @@ int32_t OpenInto(TableControl* t, const char* name, int32_t mode) {
   if (!VersionAccepted(dialect, t->header[kHdrVersion])) return KS_FAIL(kDopen, DB_ERR_VERSION);
   if (dialect == 0) t->dialect = 1;
 
-  uint32_t header_length = t->HeaderLength();
+  TableHeader header;
+  bool dated = header.DecodeFrom(t->header);
+  uint32_t header_length = header.header_length;
   uint32_t tail = header_length & 0x1F;
   if (tail > 2) return KS_FAIL(kDopen, DB_ERR_HEADER_LENGTH);
-  uint8_t month = t->header[kHdrMonth];
-  uint8_t day = t->header[kHdrDay];
-  if (month < 1 || month > 12 || day < 1 || day > 31) return KS_FAIL(kDopen, DB_ERR_CHANGE_DATE);
-  if ((t->dialect == 2 || t->dialect == 8) && t->header[kHdrProduction] > 1) {
+  if (!dated) return KS_FAIL(kDopen, DB_ERR_CHANGE_DATE);
+  if ((t->dialect == 2 || t->dialect == 8) && header.production > 1) {
     return KS_FAIL(kDopen, DB_ERR_MDX_FLAG);
   }
   // A table needs at least one field; a header too short for one is damaged.

@@ -3,7 +3,6 @@
 #include <string>
 
 #include "datetime_fixture.h"
-#include "text/byte_order.h"
 
 namespace kestrel::test {
 namespace {
@@ -77,21 +76,6 @@ TEST_F(TextTest, SoundexCodes) {
   const char* first = DBSoundex("Robert");
   EXPECT_EQ(DBSoundex("Lee"), first);
   EXPECT_STREQ(first, "L000");
-}
-
-TEST_F(TextTest, ByteOrderHelpersReverseEvenInPlace) {
-  static_assert(SwapBytes16(0x1234) == 0x3412);
-  static_assert(SwapBytes32(0x12345678u) == 0x78563412u);
-  uint8_t bytes[8] = {1, 2, 3, 4, 5, 6, 7, 8};
-  ReverseCopy8(bytes, bytes);
-  const uint8_t reversed[8] = {8, 7, 6, 5, 4, 3, 2, 1};
-  EXPECT_EQ(std::memcmp(bytes, reversed, 8), 0);
-  ReverseCopy4(bytes, bytes);
-  const uint8_t again[4] = {5, 6, 7, 8};
-  EXPECT_EQ(std::memcmp(bytes, again, 4), 0);
-  uint8_t copy[4];
-  ReverseCopy4(copy, reversed);
-  EXPECT_EQ(std::memcmp(copy, again, 4), 0);
 }
 
 }  // namespace
