@@ -1,5 +1,6 @@
 // Record access: reading records into the record buffer, replacing,
-// appending and marking them (modules DRGET, DRPUT, DRSTAT).
+// appending and marking them, counting them (modules DRGET, DRPUT, DRSTAT,
+// DSIZE, DEOF, DBFRSZ).
 //
 // Deleted-record reuse: when a table is opened with the reuse switch, the
 // deleted records form a chain.  Header bytes 16..19 hold the most recently
