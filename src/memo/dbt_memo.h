@@ -33,6 +33,7 @@
 
 #include <cstdint>
 
+#include "kestrel/kestrel_memo.h"
 #include "runtime/library_state.h"
 #include "runtime/memory.h"
 
@@ -81,5 +82,17 @@ int32_t DbtZap(DbtMemo& memo);
 // Walks the free chain of a dBASE IV file; a loop or a run outside the file
 // is -206.
 int32_t DbtFreeChain(DbtMemo& memo, FreeChainStats* stats);
+
+// The operations behind the exported DBxb... calls (dbt_calls.cpp), on a
+// checked handle: the lock and header re-read rules of shared files, option
+// checks and soft line wrapping.  Each returns what its exported call
+// returns.
+int32_t DbtLockMemo(DbtMemo* m);
+int32_t DbtUnLockMemo(DbtMemo* m);
+int32_t DbtGetMemoHeader(DbtMemo* m);
+int32_t DbtGetMemoRecord(DbtMemo* m, uint32_t block, char** text, int32_t option);
+int32_t DbtPutMemoRecord(DbtMemo* m, uint32_t* block, const char* text, int32_t mode);
+int32_t DbtZapMemo(DbtMemo* m);
+int32_t DbtGetMemoInfo(DbtMemo* m, DBXBMEMOINFO* info);
 
 }  // namespace kestrel::memo

@@ -17,6 +17,7 @@
 
 #include <cstdint>
 
+#include "kestrel/kestrel_memo.h"
 #include "runtime/library_state.h"
 #include "runtime/memory.h"
 
@@ -66,5 +67,21 @@ int32_t FptRead(FptMemo& memo, uint32_t block, uint32_t max, bool pieces, Buffer
 int32_t FptWrite(FptMemo& memo, uint32_t* block, const uint8_t* data, uint32_t length,
                  uint32_t total, uint32_t type, bool reuse, bool pieces);
 int32_t FptZap(FptMemo& memo);
+
+// The operations behind the exported DBfp...Memo... calls (fpt_calls.cpp),
+// on a checked handle: the lock and header re-read rules of shared files and
+// option checks.  Each returns what its exported call returns.
+int32_t FptLockMemo(FptMemo* m);
+int32_t FptUnLockMemo(FptMemo* m);
+int32_t FptGetMemoHeader(FptMemo* m, DBFPMEMOHEADER* header);
+int32_t FptGetMemoInfo(FptMemo* m, DBFPMEMOINFO* info);
+int32_t FptGetMemoType(FptMemo* m, uint32_t block, uint32_t* length, int32_t* type);
+int32_t FptGetMemoRecord(FptMemo* m, uint32_t block, char** buffer, uint32_t max_length,
+                         int32_t options);
+int32_t FptGetMemoToBuffer(FptMemo* m, uint32_t block, char* buffer, uint32_t max_length,
+                           int32_t options);
+int32_t FptPutMemoRecord(FptMemo* m, uint32_t* block, const void* data, uint32_t length,
+                         uint32_t total_length, int32_t options);
+int32_t FptZapMemo(FptMemo* m);
 
 }  // namespace kestrel::memo
