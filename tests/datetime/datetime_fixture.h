@@ -3,43 +3,26 @@
 // test can say which failures were logged, and under which module.
 #pragma once
 
-#include <gtest/gtest.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <sstream>
-#include <string>
 
-#include "kestrel/kestrel.h"
-#include "runtime/memory.h"
-#include "support/temp_dir.h"
+#include "support/library.h"
 
 namespace kestrel::test {
 
-class DateTimeTest : public ::testing::Test {
+class DateTimeTest : public LibraryTest {
  protected:
+  DateTimeTest() : LibraryTest(20) {}
   void SetUp() override {
     ASSERT_NE(getcwd(saved_, sizeof saved_), nullptr);
     // The log name is short (29 characters at most): name it relative to the
     // temporary directory.
     ASSERT_EQ(chdir(dir_.path().c_str()), 0);
-    ASSERT_EQ(DBInitialize(20, 0), 0);
+    LibraryTest::SetUp();
     DBErrorLog(1, "dates.log");
   }
   void TearDown() override {
-    kestrel::testing::FailAllocation(0);
-    DBErrorLog(0, nullptr);
-    DBTerminate();
+    LibraryTest::TearDown();
     EXPECT_EQ(chdir(saved_), 0);
-  }
-
-  // A status and the value a call wrote, as "status value"; bind the value
-  // by reference so that it is read after the call.
-  template <class T>
-  static std::string R(int32_t rc, const T& value) {
-    std::ostringstream out;
-    out << rc << ' ' << value;
-    return out.str();
   }
 
   std::string Log() const {
@@ -58,7 +41,6 @@ class DateTimeTest : public ::testing::Test {
     return log.substr(start, log.find('\t', start) - start);
   }
 
-  TempDir dir_;
   char saved_[4096];
 };
 

@@ -6,7 +6,7 @@
 
 #include <cstring>
 
-#include "support/temp_dir.h"
+#include "memo/memo_test_util.h"
 #include "table_common.h"
 
 namespace kestrel::test {
@@ -70,66 +70,25 @@ std::vector<uint32_t> RawMemoBlocks(const std::string& dbf, const std::string& f
   return blocks;
 }
 
-// A memo layout: the table dialect, and the memo file's kind and block size.
-struct Layout {
-  const char* name;
-  int32_t dialect;
-  bool fpt;
-  int32_t memo_arg;  // DBT: blocks of 512 (dBASE IV); FPT: block size code
-};
-
-int32_t OpenMemo(const Layout& l, const std::string& path, int32_t switches) {
-  int32_t h = -1;
-  int32_t rc = l.fpt ? DBfpOpenMemo(&h, path.c_str(), switches)
-                     : DBxbOpenMemo(&h, path.c_str(), switches | (l.dialect == 2 ? 2 : 1));
-  EXPECT_EQ(rc, 0) << path;
-  return h;
-}
-
+// A memo read whole; a failure fails the test.
 std::string ReadMemo(const Layout& l, int32_t h, uint32_t block) {
   int32_t rc = 0;
-  if (l.fpt) {
-    uint32_t length = 0;
-    int32_t type = 0;
-    rc = DBfpGetMemoType(h, block, &length, &type);
-    EXPECT_EQ(rc, 0) << "block " << block;
-    char* data = nullptr;
-    if (rc == 0) rc = DBfpGetMemoRecord(h, block, &data, length, 0);
-    EXPECT_EQ(rc, 0) << "block " << block;
-    return rc == 0 ? std::string(data, length) : std::string();
-  }
-  char* text = nullptr;
-  rc = DBxbGetMemoRecord(h, block, &text, 0);
+  std::string text = l.Get(h, block, &rc);
   EXPECT_EQ(rc, 0) << "block " << block;
-  std::string s = text ? text : "";
-  if (text) DBFreeMemory(text);
-  return s;
+  return text;
 }
 
-class MemoInteropTest : public ::testing::Test {
+class MemoInteropTest : public MemoTest {
  protected:
-  void SetUp() override { ASSERT_EQ(DBInitialize(60, 0), 0); }
-  void TearDown() override { DBTerminate(); }
-
   // Writes a table with a NAME and a NOTE memo field through the engine;
   // returns the memo texts by record.
   std::vector<std::string> WriteTable(const Layout& l, const std::string& dbf,
                                       const std::string& memo) {
-    DBFIELD fields[2] = {};
-    std::strcpy(fields[0].name, "NAME");
-    fields[0].type = 'C';
-    fields[0].length = 10;
-    std::strcpy(fields[1].name, "NOTE");
-    fields[1].type = 'M';
-    EXPECT_EQ(DBCreateFile(dbf.c_str(), 2, fields, l.dialect), 0);
-    if (l.fpt) {
-      EXPECT_EQ(DBfpCreateMemo(memo.c_str(), l.memo_arg), 0);
-    } else {
-      EXPECT_EQ(DBxbCreateMemo(memo.c_str(), l.memo_arg, l.dialect == 2 ? 2 : 1), 0);
-    }
-    int32_t t = -1;
-    EXPECT_EQ(DBOpenFile(&t, dbf.c_str(), l.dialect), 0);
-    int32_t m = OpenMemo(l, memo, 0);
+    DBFIELD fields[2] = {Field("NAME", 'C', 10), Field("NOTE", 'M')};
+    EXPECT_EQ(DBCreateFile(dbf.c_str(), 2, fields, l.TableDialect()), 0);
+    EXPECT_EQ(l.Create(memo), 0);
+    int32_t t = Open(dbf, l.TableDialect()), m = -1;
+    EXPECT_EQ(l.Open(&m, memo), 0);
     std::vector<std::string> texts;
     for (size_t i = 0; i < Sizes().size(); ++i) {
       std::string text = TextOf(Sizes()[i], static_cast<int>(i));
@@ -137,10 +96,7 @@ class MemoInteropTest : public ::testing::Test {
       EXPECT_EQ(DBPutStrField(t, 0, ("rec" + std::to_string(i + 1)).c_str()), 0);
       if (!text.empty()) {
         uint32_t b = 0;
-        int32_t rc =
-            l.fpt ? DBfpPutMemoRecord(m, &b, text.data(), static_cast<uint32_t>(text.size()), 0, 0)
-                  : DBxbPutMemoRecord(m, &b, text.c_str(), 0);
-        EXPECT_EQ(rc, 0);
+        EXPECT_EQ(l.Put(m, &b, text), 0);
         EXPECT_EQ(DBPutFieldData(t, 1, &b), 0);
       }
       int32_t recno = 0;
@@ -154,27 +110,22 @@ class MemoInteropTest : public ::testing::Test {
       EXPECT_EQ(DBGetFieldData(t, 1, &b), 0);
       std::string text = TextOf(r == 2 ? 3000 : 40, 100 + r);
       uint32_t nb = b;
-      int32_t rc = l.fpt ? DBfpPutMemoRecord(m, &nb, text.data(),
-                                             static_cast<uint32_t>(text.size()), 0, DB_MEMO_REPLACE)
-                         : DBxbPutMemoRecord(m, &nb, text.c_str(), DB_MEMO_REPLACE);
-      EXPECT_EQ(rc, 0);
+      EXPECT_EQ(l.Put(m, &nb, text, DB_MEMO_REPLACE), 0);
       EXPECT_EQ(DBPutFieldData(t, 1, &nb), 0);
       int32_t recno = r;
       EXPECT_EQ(DBPutRecord(t, &recno, DB_RECORD_REPLACE), 0);
       texts[static_cast<size_t>(r - 1)] = text;
     }
-    EXPECT_EQ(l.fpt ? DBfpCloseMemo(m) : DBxbCloseMemo(m), 0);
+    EXPECT_EQ(l.Close(m), 0);
     EXPECT_EQ(DBCloseFile(t), 0);
     return texts;
   }
-
-  TempDir dir_;
 };
 
-const Layout kLayouts[] = {{"dbt_plain", 1, false, 1},
-                           {"dbt_dbase4", 2, false, 1},
-                           {"fpt_64", 8, true, 64},
-                           {"fpt_512", 8, true, 1}};
+const Layout kLayouts[] = {{"dbt_plain", false, 1, 1},
+                           {"dbt_dbase4", false, 2, 1},
+                           {"fpt_64", true, 8, 64},
+                           {"fpt_512", true, 8, 1}};
 
 class KestrelMemosRead : public MemoInteropTest,
                          public ::testing::WithParamInterface<std::tuple<Layout, Checker>> {};
@@ -182,7 +133,7 @@ class KestrelMemosRead : public MemoInteropTest,
 TEST_P(KestrelMemosRead, ByChecker) {
   const auto& [layout, checker] = GetParam();
   KESTREL_REQUIRE_CHECKER(checker);
-  if (checker == Checker::kPythonDbf && layout.dialect == 2) {
+  if (checker == Checker::kPythonDbf && layout.TableDialect() == 2) {
     GTEST_SKIP() << "python3-dbf does not open dBASE IV tables (version byte 0x8B)";
   }
   std::string dbf = dir_.File("memos.dbf");
@@ -249,8 +200,8 @@ TEST_P(CheckerMemosRead, ByKestrel) {
   const std::string memo = written["memo"];
   auto blocks = RawMemoBlocks(dbf, "NOTE");
   ASSERT_EQ(blocks.size(), written["texts"].size());
-  int32_t m = OpenMemo(w.layout, memo, DB_OPEN_READONLY);
-  ASSERT_GE(m, 0);
+  int32_t m = -1;
+  ASSERT_EQ(w.layout.Open(&m, memo, DB_OPEN_READONLY), 0);
   for (size_t i = 0; i < blocks.size(); ++i) {
     const Json& t = written["texts"][i];
     if (t.is_null()) {
@@ -264,7 +215,7 @@ TEST_P(CheckerMemosRead, ByKestrel) {
   }
   if (w.table_readable) {
     int32_t t = -1;
-    ASSERT_EQ(DBOpenFile(&t, dbf.c_str(), w.layout.dialect | DB_OPEN_READONLY), 0);
+    ASSERT_EQ(DBOpenFile(&t, dbf.c_str(), w.layout.TableDialect() | DB_OPEN_READONLY), 0);
     for (size_t i = 0; i < blocks.size(); ++i) {
       ASSERT_GE(DBGetRecord(t, static_cast<int32_t>(i + 1)), 0);
       uint32_t b = 0;
@@ -278,11 +229,7 @@ TEST_P(CheckerMemosRead, ByKestrel) {
     }
     DBCloseFile(t);
   }
-  if (w.layout.fpt) {
-    DBfpCloseMemo(m);
-  } else {
-    DBxbCloseMemo(m);
-  }
+  w.layout.Close(m);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -292,20 +239,20 @@ INSTANTIATE_TEST_SUITE_P(
                Checker::kPythonDbf,
                "memo_write_pydbf.py",
                "db3",
-               {"", 1, false, 1},
+               {"", false, 1, 1},
                true},
         // python3-dbf gives its FoxPro tables a header length that no
         // dialect accepts (-219): their memos are followed from the file.
         Writer{
-            "pydbf_fp", Checker::kPythonDbf, "memo_write_pydbf.py", "fp", {"", 8, true, 0}, false},
-        Writer{"xbase_3", Checker::kPerlXBase, "memo_write_xbase.pl", "3", {"", 1, false, 1}, true},
+            "pydbf_fp", Checker::kPythonDbf, "memo_write_pydbf.py", "fp", {"", true, 8, 0}, false},
+        Writer{"xbase_3", Checker::kPerlXBase, "memo_write_xbase.pl", "3", {"", false, 1, 1}, true},
         Writer{
-            "xbase_4", Checker::kPerlXBase, "memo_write_xbase.pl", "4", {"", 2, false, 1}, false},
+            "xbase_4", Checker::kPerlXBase, "memo_write_xbase.pl", "4", {"", false, 2, 1}, false},
         Writer{"xbase_fpt",
                Checker::kPerlXBase,
                "memo_write_xbase.pl",
                "fpt",
-               {"", 8, true, 0},
+               {"", true, 8, 0},
                false}),
     [](const auto& info) { return std::string(info.param.name); });
 
@@ -330,8 +277,9 @@ TEST_P(MemoFixtures, ReadThroughTheTable) {
   }
   ASSERT_FALSE(expected.empty());
   int32_t t = -1;
-  ASSERT_EQ(DBOpenFile(&t, dbf.c_str(), c.layout.dialect | DB_OPEN_READONLY), 0);
-  int32_t m = OpenMemo(c.layout, memo, DB_OPEN_READONLY);
+  ASSERT_EQ(DBOpenFile(&t, dbf.c_str(), c.layout.TableDialect() | DB_OPEN_READONLY), 0);
+  int32_t m = -1;
+  ASSERT_EQ(c.layout.Open(&m, memo, DB_OPEN_READONLY), 0);
   int32_t count = 0;
   ASSERT_EQ(DBGetRecordCount(t, &count), 0);
   int32_t field = -1;
@@ -351,21 +299,17 @@ TEST_P(MemoFixtures, ReadThroughTheTable) {
     ++seen;
   }
   EXPECT_EQ(seen, static_cast<int>(expected.size()));
-  if (c.layout.fpt) {
-    DBfpCloseMemo(m);
-  } else {
-    DBxbCloseMemo(m);
-  }
+  c.layout.Close(m);
   DBCloseFile(t);
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Memo, MemoFixtures,
     ::testing::Values(
-        FixtureCase{"staff.dbf", "staff.dbt", "staff.dbt.expected.tsv", {"", 6, false, 1}},
-        FixtureCase{"plain.dbf", "plain.dbt", "plain.dbt.expected.tsv", {"", 1, false, 1}},
-        FixtureCase{"fstaff.dbf", "fstaff.fpt", "fstaff.fpt.expected.tsv", {"", 8, true, 0}},
-        FixtureCase{"fstaf512.dbf", "fstaf512.fpt", "fstaf512.fpt.expected.tsv", {"", 8, true, 0}}),
+        FixtureCase{"staff.dbf", "staff.dbt", "staff.dbt.expected.tsv", {"", false, 1, 1, 6}},
+        FixtureCase{"plain.dbf", "plain.dbt", "plain.dbt.expected.tsv", {"", false, 1, 1}},
+        FixtureCase{"fstaff.dbf", "fstaff.fpt", "fstaff.fpt.expected.tsv", {"", true, 8, 0}},
+        FixtureCase{"fstaf512.dbf", "fstaf512.fpt", "fstaf512.fpt.expected.tsv", {"", true, 8, 0}}),
     [](const auto& info) {
       std::string n = info.param.table;
       return n.substr(0, n.find('.'));

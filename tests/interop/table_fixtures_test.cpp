@@ -6,7 +6,7 @@
 
 #include <fstream>
 
-#include "support/temp_dir.h"
+#include "support/library.h"
 #include "table_common.h"
 
 namespace kestrel::test {
@@ -25,13 +25,13 @@ int DialectOf(const std::string& path) {
   return 1;
 }
 
-class TableFixturesTest : public ::testing::Test {
+class TableFixturesTest : public LibraryTest {
  protected:
+  TableFixturesTest() : LibraryTest(64) {}
   void SetUp() override {
-    ASSERT_GE(DBInitialize(64, 0), 0);
+    LibraryTest::SetUp();
     DBSetDefaultDateStyle(DB_DATE_DBASE);
   }
-  void TearDown() override { DBTerminate(); }
 };
 
 // ---- Sets written by a Clipper- and FoxPro-compatible system ----------------
@@ -267,14 +267,13 @@ TEST_F(TableFixturesTest, ForeignAndDamagedTablesAreRefused) {
 // ---- Damage: truncated files and bad header bytes ---------------------------
 
 TEST_F(TableFixturesTest, TruncatedTableReadsWhatIsThereAndReportsTheRest) {
-  TempDir dir;
   const std::vector<uint8_t> whole = ReadFileBytes(Fixture("harbour/plainnm.dbf"));
   const size_t header = 226, record = 58;  // facts of plainnm.dbf
   ASSERT_EQ(whole.size(), header + 50 * record + 1);
   // Cut inside the header and the field descriptors: the open fails.
   for (size_t size : {size_t(0), size_t(1), size_t(31), size_t(32), size_t(100), size_t(200)}) {
     std::vector<uint8_t> part(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(size));
-    const std::string path = dir.File("cut" + std::to_string(size) + ".dbf");
+    const std::string path = dir_.File("cut" + std::to_string(size) + ".dbf");
     WriteFileBytes(path, part);
     int32_t h = 5;
     EXPECT_LT(DBOpenFile(&h, path.c_str(), 1 | DB_OPEN_READONLY), 0) << "cut at " << size;
@@ -283,7 +282,7 @@ TEST_F(TableFixturesTest, TruncatedTableReadsWhatIsThereAndReportsTheRest) {
   // Cut inside record 21: records 1..20 read whole, the cut one is an error.
   const size_t size = header + 20 * record + 17;
   std::vector<uint8_t> part(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(size));
-  const std::string path = dir.File("records.dbf");
+  const std::string path = dir_.File("records.dbf");
   WriteFileBytes(path, part);
   for (int mode : {1 | DB_OPEN_READONLY, 1 | DB_OPEN_READONLY | DB_OPEN_UNBUFFERED}) {
     int32_t h = -1;
@@ -310,10 +309,9 @@ TEST_F(TableFixturesTest, TruncatedTableReadsWhatIsThereAndReportsTheRest) {
 }
 
 TEST_F(TableFixturesTest, HeaderWithoutRecordsOrTerminatorOpensButReadsNothing) {
-  TempDir dir;
   std::vector<uint8_t> bytes = ReadFileBytes(Fixture("harbour/plainnm.dbf"));
   bytes.resize(224);  // all six descriptors, no terminator, no records
-  const std::string path = dir.File("headonly.dbf");
+  const std::string path = dir_.File("headonly.dbf");
   WriteFileBytes(path, bytes);
   int32_t h = -1;
   ASSERT_EQ(DBOpenFile(&h, path.c_str(), 1 | DB_OPEN_READONLY), 0);
@@ -323,7 +321,6 @@ TEST_F(TableFixturesTest, HeaderWithoutRecordsOrTerminatorOpensButReadsNothing) 
 }
 
 TEST_F(TableFixturesTest, DamagedHeaderBytesAreReported) {
-  TempDir dir;
   const std::vector<uint8_t> whole = ReadFileBytes(Fixture("harbour/plainnm.dbf"));
   struct Damage {
     const char* what;
@@ -346,7 +343,7 @@ TEST_F(TableFixturesTest, DamagedHeaderBytesAreReported) {
     } else {
       bytes[d.offset] = d.value;
     }
-    const std::string path = dir.File("damaged.dbf");
+    const std::string path = dir_.File("damaged.dbf");
     WriteFileBytes(path, bytes);
     int32_t h = 5;
     EXPECT_EQ(DBOpenFile(&h, path.c_str(), 1 | DB_OPEN_READONLY), d.code) << d.what;

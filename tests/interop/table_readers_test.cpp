@@ -9,7 +9,7 @@
 
 #include <set>
 
-#include "support/temp_dir.h"
+#include "support/library.h"
 #include "table_common.h"
 
 namespace kestrel::test {
@@ -96,13 +96,13 @@ std::vector<uint32_t> WriteMemoFile(int dialect, const std::string& table_path) 
   return blocks;
 }
 
-class TableReadersTest : public ::testing::TestWithParam<int> {
+class TableReadersTest : public LibraryTest, public ::testing::WithParamInterface<int> {
  protected:
+  TableReadersTest() : LibraryTest(64) {}
   void SetUp() override {
-    ASSERT_GE(DBInitialize(64, 0), 0);
+    LibraryTest::SetUp();
     DBSetDefaultDateStyle(DB_DATE_DBASE);
   }
-  void TearDown() override { DBTerminate(); }
 
   // Creates the table through the engine and returns the model, with memo
   // fields as texts (memo_as_text) or as block numbers.
@@ -211,8 +211,7 @@ const char* Unsupported(Checker checker, int dialect) {
 
 TEST_P(TableReadersTest, ReadersSeeWhatKestrelWrote) {
   const int dialect = GetParam();
-  TempDir dir;
-  const std::string path = dir.File("written.dbf");
+  const std::string path = dir_.File("written.dbf");
   Json model_text, model_blocks;
   ASSERT_NO_FATAL_FAILURE(WriteTable(dialect, path, &model_text, &model_blocks));
 

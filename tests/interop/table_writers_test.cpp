@@ -3,7 +3,7 @@
 // fields give block numbers that point at the memo texts the writer stored.
 #include <gtest/gtest.h>
 
-#include "support/temp_dir.h"
+#include "support/library.h"
 #include "table_common.h"
 
 namespace kestrel::test {
@@ -18,10 +18,9 @@ struct WriterCase {
   int32_t open_status = 0;  // what DBOpenFile must return
 };
 
-class TableWritersTest : public ::testing::TestWithParam<WriterCase> {
+class TableWritersTest : public LibraryTest, public ::testing::WithParamInterface<WriterCase> {
  protected:
-  void SetUp() override { ASSERT_GE(DBInitialize(64, 0), 0); }
-  void TearDown() override { DBTerminate(); }
+  TableWritersTest() : LibraryTest(64) {}
 };
 
 uint32_t LoadBE32(const std::vector<uint8_t>& b, size_t at) {
@@ -49,8 +48,7 @@ std::string MemoAt(const std::vector<uint8_t>& memo, bool foxpro, uint32_t block
 TEST_P(TableWritersTest, KestrelReadsWhatTheyWrote) {
   const WriterCase& c = GetParam();
   KESTREL_REQUIRE_CHECKER(c.checker);
-  TempDir dir;
-  const std::string path = dir.File("other.dbf");
+  const std::string path = dir_.File("other.dbf");
   std::vector<std::string> argv =
       c.checker == Checker::kPythonDbf
           ? std::vector<std::string>{kPython, InteropScript("write_pydbf.py"), path, c.kind}
@@ -72,7 +70,7 @@ TEST_P(TableWritersTest, KestrelReadsWhatTheyWrote) {
   // Memo fields: a block number wherever the writer stored a text, and the
   // text sits at that block of the writer's memo file.
   const std::vector<uint8_t> memo =
-      ReadFileBytes(dir.File(std::string("other") + c.memo_extension));
+      ReadFileBytes(dir_.File(std::string("other") + c.memo_extension));
   ASSERT_FALSE(memo.empty()) << "the writer made no memo file";
   const bool foxpro = std::string(c.memo_extension) == ".fpt";
   ASSERT_EQ(got["records"].size(), written["records"].size());

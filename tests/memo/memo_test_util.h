@@ -2,32 +2,17 @@
 // and one set of calls for both memo formats.
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <cstdint>
 #include <ostream>
 #include <random>
-#include <string>
 
-#include "kestrel/kestrel.h"
-#include "runtime/memory.h"
-#include "support/temp_dir.h"
+#include "support/library.h"
 
 namespace kestrel::test {
 
 // Starts and stops the library around each test.
-class MemoTest : public ::testing::Test {
+class MemoTest : public LibraryTest {
  protected:
-  void SetUp() override {
-    DBErrorLog(0, nullptr);
-    ASSERT_EQ(DBInitialize(60, 0), 0);
-    DBSetLockRetryCount(0);
-  }
-  void TearDown() override {
-    kestrel::testing::FailAllocation(0);
-    DBTerminate();
-  }
-  TempDir dir_;
+  MemoTest() : LibraryTest(60) {}
 };
 
 // Text of the given length made of letters, blanks and CR LF pairs: bytes
@@ -73,8 +58,11 @@ inline std::string GetFpt(int32_t handle, uint32_t block, int32_t* rc) {
 struct Layout {
   const char* name;
   bool fpt;
-  int32_t dialect;  // DBT: the memo dialect; FPT: the table dialect (8)
-  int32_t arg;      // DBT: blocks of 512 (dBASE IV); FPT: the block size code
+  int32_t dialect;    // DBT: the memo dialect; FPT: the table dialect (8)
+  int32_t arg;        // DBT: blocks of 512 (dBASE IV); FPT: the block size code
+  int32_t table = 0;  // the table dialect when it is not the memo's own (0)
+
+  int32_t TableDialect() const { return table ? table : dialect; }
 
   std::string Extension() const { return fpt ? ".fpt" : ".dbt"; }
   int32_t Create(const std::string& path) const {

@@ -9,7 +9,6 @@
 #include "runtime/file_services.h"
 #include "runtime/handles.h"
 #include "runtime_fixture.h"
-#include "support/temp_dir.h"
 
 namespace kestrel::test {
 namespace {
@@ -44,7 +43,6 @@ class ErrorLogTest : public RuntimeTest {
     return records;
   }
 
-  TempDir dir_;
   char saved_[4096];
 };
 

@@ -5,7 +5,6 @@
 
 #include "runtime/file_services.h"
 #include "runtime_fixture.h"
-#include "support/temp_dir.h"
 
 namespace kestrel::test {
 namespace {
@@ -33,7 +32,6 @@ class FileServicesTest : public RuntimeTest {
     }
     return h;
   }
-  TempDir dir_;
 };
 
 TEST_F(FileServicesTest, ExclusiveAndSharedOpens) {

@@ -14,7 +14,7 @@ struct TestBlock : ControlBlock {
   int32_t tag = 0;
 };
 
-int32_t Open(int kind, TestBlock** block = nullptr) {
+int32_t Take(int kind, TestBlock** block = nullptr) {
   int32_t handle = -7;
   TestBlock* b = nullptr;
   int32_t rc = AllocateHandle(&handle, kind, &b);
@@ -48,21 +48,21 @@ TEST_F(HandleTest, InitializeSizesTheTableLockBufferAndDateStyle) {
     char name[DB_DATE_NAME_SIZE];
     EXPECT_EQ(DBGetDefaultDateStyle(&style, name), 0);
     EXPECT_EQ(style, c.style);
-    for (int i = 0; i < c.slots; ++i) EXPECT_EQ(Open(DB_KIND_TABLE), i);
-    EXPECT_EQ(Open(DB_KIND_TABLE), -208);
+    for (int i = 0; i < c.slots; ++i) EXPECT_EQ(Take(DB_KIND_TABLE), i);
+    EXPECT_EQ(Take(DB_KIND_TABLE), -208);
     EXPECT_EQ(DBGetErrorCode(), -208);
   }
 }
 
 TEST_F(HandleTest, SlotsKindsAndChecks) {
   TestBlock* block = nullptr;
-  ASSERT_EQ(Open(DB_KIND_TABLE, &block), 0);
+  ASSERT_EQ(Take(DB_KIND_TABLE, &block), 0);
   block->tag = 77;
-  EXPECT_EQ(Open(DB_KIND_DBT_MEMO), 1);
-  EXPECT_EQ(Open(DB_KIND_NTX_INDEX), 2);
+  EXPECT_EQ(Take(DB_KIND_DBT_MEMO), 1);
+  EXPECT_EQ(Take(DB_KIND_NTX_INDEX), 2);
   // Kinds 1..8 only; the reserved 2 and 6 are kinds too.
-  for (int kind : {2, 6}) EXPECT_EQ(Open(kind), kind == 2 ? 3 : 4);
-  for (int kind : {0, 9, -1, 255}) EXPECT_EQ(Open(kind), -256) << "kind " << kind;
+  for (int kind : {2, 6}) EXPECT_EQ(Take(kind), kind == 2 ? 3 : 4);
+  for (int kind : {0, 9, -1, 255}) EXPECT_EQ(Take(kind), -256) << "kind " << kind;
   int32_t handle = 3;
   EXPECT_EQ(AllocateHandle(&handle, DB_KIND_TABLE, static_cast<TestBlock**>(nullptr)), -221);
   EXPECT_EQ(handle, -1);
@@ -74,9 +74,9 @@ TEST_F(HandleTest, SlotsKindsAndChecks) {
   ReleaseHandle(1);
   long before = kestrel::testing::LiveAllocations();
   kestrel::testing::FailAllocation(1);
-  EXPECT_EQ(Open(DB_KIND_TABLE), -203);
+  EXPECT_EQ(Take(DB_KIND_TABLE), -203);
   EXPECT_EQ(kestrel::testing::LiveAllocations(), before);
-  EXPECT_EQ(Open(DB_KIND_FOX_INDEX), 1);
+  EXPECT_EQ(Take(DB_KIND_FOX_INDEX), 1);
   EXPECT_EQ(DBGetErrorCode(), 0);
 
   TestBlock* found = nullptr;
@@ -115,11 +115,11 @@ TEST_F(HandleTest, TerminateClosesInSlotOrderAndInitializeDiscards) {
   long before = kestrel::testing::LiveAllocations();
   RegisterCloseRoutine(DB_KIND_TABLE, &CloseAndRelease);
   RegisterCloseRoutine(DB_KIND_DBT_MEMO, &CloseWithoutRelease);
-  ASSERT_EQ(Open(DB_KIND_DBT_MEMO), 0);
-  ASSERT_EQ(Open(DB_KIND_TABLE), 1);
-  ASSERT_EQ(Open(DB_KIND_NTX_INDEX), 2);  // no routine registered: only freed
-  ASSERT_EQ(Open(DB_KIND_TABLE), 3);
-  ASSERT_EQ(Open(DB_KIND_DBT_MEMO), 4);
+  ASSERT_EQ(Take(DB_KIND_DBT_MEMO), 0);
+  ASSERT_EQ(Take(DB_KIND_TABLE), 1);
+  ASSERT_EQ(Take(DB_KIND_NTX_INDEX), 2);  // no routine registered: only freed
+  ASSERT_EQ(Take(DB_KIND_TABLE), 3);
+  ASSERT_EQ(Take(DB_KIND_DBT_MEMO), 4);
   ReleaseHandle(3);
   DBSetErrorCode(-233);
   EXPECT_EQ(DBTerminate(), 0);
@@ -134,13 +134,13 @@ TEST_F(HandleTest, TerminateClosesInSlotOrderAndInitializeDiscards) {
   // the routines: nothing is called for a new table either.
   ASSERT_EQ(DBInitialize(20, 0), 0);
   RegisterCloseRoutine(DB_KIND_TABLE, &CloseAndRelease);
-  ASSERT_EQ(Open(DB_KIND_TABLE), 0);
+  ASSERT_EQ(Take(DB_KIND_TABLE), 0);
   g_closed.clear();
   ASSERT_EQ(DBInitialize(20, 0), 0);
   EXPECT_TRUE(g_closed.empty());
   EXPECT_EQ(CheckHandle(0, DB_KIND_TABLE), -213);
   EXPECT_EQ(kestrel::testing::LiveAllocations(), before);
-  ASSERT_EQ(Open(DB_KIND_TABLE), 0);
+  ASSERT_EQ(Take(DB_KIND_TABLE), 0);
   EXPECT_EQ(DBTerminate(), 0);
   EXPECT_TRUE(g_closed.empty());
 }

@@ -7,7 +7,6 @@
 
 #include "runtime/file_services.h"
 #include "runtime_fixture.h"
-#include "support/temp_dir.h"
 
 namespace kestrel::test {
 namespace {

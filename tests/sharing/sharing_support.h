@@ -18,21 +18,10 @@
 #include <string>
 #include <vector>
 
-#include "kestrel/kestrel.h"
 #include "runtime/file_services.h"
-#include "runtime/memory.h"
-#include "support/temp_dir.h"
+#include "support/library.h"
 
 namespace kestrel::test {
-
-inline DBFIELD Field(const char* name, int32_t type, int32_t length = 0, int32_t decimals = 0) {
-  DBFIELD f{};
-  std::memcpy(f.name, name, std::min(std::strlen(name), sizeof f.name - 1));
-  f.type = type;
-  f.length = length;
-  f.decimals = decimals;
-  return f;
-}
 
 // A one-way pipe used as a signal: one side sends a byte, the other waits.
 class Signal {
@@ -160,18 +149,8 @@ inline void ExpectRegion(const std::string& path, uint64_t offset, uint64_t leng
 }
 
 // An initialised library (lock retries off) and a temporary directory.
-class SharingTest : public ::testing::Test {
+class SharingTest : public LibraryTest {
  protected:
-  void SetUp() override {
-    DBErrorLog(0, nullptr);
-    ASSERT_EQ(DBInitialize(40, 0), 0);
-    DBSetLockRetryCount(0);
-  }
-  void TearDown() override {
-    kestrel::testing::FailAllocation(0);
-    DBTerminate();
-  }
-
   // A table NAME C(20), QTY N(8,2) (header 97 bytes, 128 in dialect 9;
   // records of 29) holding "r1".."rN", the listed records marked deleted.
   // QTY carries the dBASE IV production tag flag.
@@ -185,11 +164,6 @@ class SharingTest : public ::testing::Test {
     for (int r : deleted) EXPECT_EQ(DBMarkRecordInActive(h, r), 0);
     EXPECT_EQ(DBCloseFile(h), 0);
     return path;
-  }
-  int32_t Open(const std::string& path, int32_t mode) {
-    int32_t h = -1;
-    EXPECT_EQ(DBOpenFile(&h, path.c_str(), mode), 0) << path;
-    return h;
   }
   // Appends one record whose first field holds text; returns its number.
   int32_t Append(int32_t h, const std::string& text) {
@@ -241,8 +215,6 @@ class SharingTest : public ::testing::Test {
     DBGetLockCount(&used, &capacity);
     return used;
   }
-
-  TempDir dir_;
 };
 
 // Retries a lock call while another process holds the region (-279),

@@ -1,30 +1,19 @@
 // The "kestrel date" command, run as a separate process.  Skipped when the
 // tool has not been built in this tree.
-#include <unistd.h>
-
-#include <string>
-
 #include "datetime/datetime_fixture.h"
-#include "support/interop.h"
 
 namespace kestrel::test {
 namespace {
 
-class ToolDateTest : public DateTimeTest {
- protected:
-  void SetUp() override {
-    DateTimeTest::SetUp();
-    if (std::string(KESTREL_TOOL_PATH).empty() || access(KESTREL_TOOL_PATH, X_OK) != 0) {
-      GTEST_SKIP() << "kestrel tool not built";
-    }
-  }
-  static ProcessResult Date(std::vector<std::string> arguments) {
-    arguments.insert(arguments.begin(), {KESTREL_TOOL_PATH, "date"});
-    return RunProcess(arguments);
-  }
-};
+using ToolDateTest = DateTimeTest;
+
+ProcessResult Date(std::vector<std::string> arguments) {
+  arguments.insert(arguments.begin(), "date");
+  return RunTool(arguments);
+}
 
 TEST_F(ToolDateTest, ConvertsListsAndRefuses) {
+  KESTREL_REQUIRE_TOOL();
   ProcessResult r = Date({"12/31/03", "--from", "2", "--to", "15"});
   EXPECT_EQ(r.exit_code, 0);
   EXPECT_EQ(r.out, "19031231\n");

@@ -2,13 +2,7 @@
 // fixture table, and the checker's exit status on a damaged file.
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <sstream>
-#include <string>
-#include <vector>
-
-#include "support/interop.h"
-#include "support/temp_dir.h"
+#include "support/library.h"
 #include "util/coding.h"
 
 namespace kestrel::test {
@@ -17,35 +11,22 @@ namespace {
 class NtxToolTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    tool_ = KESTREL_TOOL_PATH;
-    if (tool_.empty() || !std::filesystem::exists(tool_)) {
-      GTEST_SKIP() << "the kestrel tool is not built (target kestrel_tool)";
-    }
+    KESTREL_REQUIRE_TOOL();
     table_ = CopyFixture("ntx/staff.dbf", dir_);
     CopyFixture("ntx/staff.dbt", dir_);
   }
-  ProcessResult Tool(std::vector<std::string> args) {
-    args.insert(args.begin(), tool_);
-    return RunProcess(args);
-  }
-  static std::vector<std::string> Lines(const std::string& text) {
-    std::vector<std::string> out;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) out.push_back(line);
-    return out;
-  }
-  std::string tool_, table_;
+  std::string table_;
   TempDir dir_;
 };
 
 TEST_F(NtxToolTest, BuildListAndCheck) {
   std::string index = dir_.File("city.ntx");
-  ProcessResult r = Tool({"index", "build", table_, index, "CITY+NAME"});
+  ProcessResult r = RunTool({"index", "build", table_, index, "CITY+NAME"});
   ASSERT_EQ(r.exit_code, 0) << r.err;
-  r = Tool({"check", index});
+  r = RunTool({"check", index});
   EXPECT_EQ(r.exit_code, 0) << r.out << r.err;
   EXPECT_NE(r.out.find("keys:        300"), std::string::npos) << r.out;
-  r = Tool({"index", "keys", index, "--table", table_});
+  r = RunTool({"index", "keys", index, "--table", table_});
   ASSERT_EQ(r.exit_code, 0) << r.err;
   auto lines = Lines(r.out);
   ASSERT_EQ(lines.size(), 300u);
@@ -57,10 +38,10 @@ TEST_F(NtxToolTest, BuildListAndCheck) {
   }
   // A numeric key with decimals, unique and descending flags.
   std::string salary = dir_.File("salary.ntx");
-  r = Tool({"index", "build", table_, salary, "SALARY", "--type", "N", "--length", "10",
-            "--decimals", "2", "--clipper-numeric", "--descending"});
+  r = RunTool({"index", "build", table_, salary, "SALARY", "--type", "N", "--length", "10",
+               "--decimals", "2", "--clipper-numeric", "--descending"});
   ASSERT_EQ(r.exit_code, 0) << r.err;
-  r = Tool({"index", "keys", salary});
+  r = RunTool({"index", "keys", salary});
   ASSERT_EQ(r.exit_code, 0) << r.err;
   lines = Lines(r.out);
   ASSERT_EQ(lines.size(), 300u);
@@ -69,28 +50,28 @@ TEST_F(NtxToolTest, BuildListAndCheck) {
 
 TEST_F(NtxToolTest, CheckFailsOnADamagedFile) {
   std::string index = dir_.File("name.ntx");
-  ASSERT_EQ(Tool({"index", "build", table_, index, "NAME", "--length", "20"}).exit_code, 0);
+  ASSERT_EQ(RunTool({"index", "build", table_, index, "NAME", "--length", "20"}).exit_code, 0);
   const std::vector<uint8_t> good = ReadFileBytes(index);
   std::vector<uint8_t> bytes = good;
   uint32_t root = LoadLE32(&bytes[4]);
   StoreLE16(&bytes[root], 200);  // more keys than a page holds
   WriteFileBytes(index, bytes);
-  ProcessResult r = Tool({"check", index});
+  ProcessResult r = RunTool({"check", index});
   EXPECT_EQ(r.exit_code, 1);
   EXPECT_NE(r.out.find("exceeds the page capacity"), std::string::npos) << r.out;
   // A root that lost its count but still names a child is not an empty index.
   bytes = good;
   StoreLE16(&bytes[root], 0);
   WriteFileBytes(index, bytes);
-  EXPECT_EQ(Tool({"check", index}).exit_code, 1);
+  EXPECT_EQ(RunTool({"check", index}).exit_code, 1);
   for (const auto& args : {std::vector<std::string>{"index", "keys", index},
                            std::vector<std::string>{"index", "keys", index, "--table", table_}}) {
-    r = Tool(args);
+    r = RunTool(args);
     EXPECT_EQ(r.exit_code, 1) << r.out;
     EXPECT_EQ(r.out, "");
     EXPECT_NE(r.err.find("(-206)"), std::string::npos) << r.err;
   }
-  r = Tool({"check", dir_.File("missing.ntx")});
+  r = RunTool({"check", dir_.File("missing.ntx")});
   EXPECT_EQ(r.exit_code, 1);
 }
 

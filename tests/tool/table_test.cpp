@@ -8,8 +8,8 @@
 #include <regex>
 #include <sstream>
 
-#include "support/temp_dir.h"
 #include "interop/table_common.h"
+#include "support/library.h"
 
 namespace kestrel::test {
 namespace {
@@ -17,15 +17,8 @@ namespace {
 class TableToolTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    tool_ = KESTREL_TOOL_PATH;
-    if (tool_.empty() || !std::filesystem::exists(tool_)) {
-      GTEST_SKIP() << "the kestrel tool is not built (target kestrel_tool)";
-    }
+    KESTREL_REQUIRE_TOOL();
     table_ = CopyFixture("tables/harbour/plain.dbf", dir_);
-  }
-  ProcessResult Tool(std::vector<std::string> args) {
-    args.insert(args.begin(), tool_);
-    return RunProcess(args);
   }
   std::vector<Json> Expected() {
     std::vector<Json> rows;
@@ -34,21 +27,12 @@ class TableToolTest : public ::testing::Test {
     while (std::getline(in, line)) rows.push_back(Json::parse(line));
     return rows;
   }
-  std::string tool_;
   TempDir dir_;
   std::string table_;
 };
 
-std::vector<std::string> Lines(const std::string& text) {
-  std::vector<std::string> lines;
-  std::istringstream in(text);
-  std::string line;
-  while (std::getline(in, line)) lines.push_back(line);
-  return lines;
-}
-
 TEST_F(TableToolTest, InfoShowsHeaderAndFields) {
-  ProcessResult r = Tool({"info", table_});
+  ProcessResult r = RunTool({"info", table_});
   ASSERT_EQ(r.exit_code, 0) << r.err;
   const std::string& out = r.out;
   EXPECT_NE(out.find("dialect:          1 (dBASE III), guessed from the version byte"),
@@ -76,7 +60,7 @@ TEST_F(TableToolTest, InfoShowsHeaderAndFields) {
 }
 
 TEST_F(TableToolTest, JsonDumpMatchesTheRecords) {
-  ProcessResult r = Tool({"dump", "--format", "json", table_});
+  ProcessResult r = RunTool({"dump", "--format", "json", table_});
   ASSERT_EQ(r.exit_code, 0) << r.err;
   std::vector<std::string> lines = Lines(r.out);
   std::vector<Json> want = Expected();
@@ -124,7 +108,7 @@ TEST_F(TableToolTest, JsonDumpMatchesTheRecords) {
 }
 
 TEST_F(TableToolTest, CsvDumpHasHeaderAndOneLinePerRecord) {
-  ProcessResult r = Tool({"dump", table_});
+  ProcessResult r = RunTool({"dump", table_});
   ASSERT_EQ(r.exit_code, 0) << r.err;
   std::vector<std::string> lines = Lines(r.out);
   ASSERT_EQ(lines.size(), 51u);
@@ -140,13 +124,7 @@ TEST_F(TableToolTest, CsvDumpHasHeaderAndOneLinePerRecord) {
 TEST_F(TableToolTest, JsonDumpOfWideNumbers) {
   const std::string path = dir_.File("wide.dbf");
   ASSERT_GE(DBInitialize(16, 0), 0);
-  DBFIELD fields[2] = {};
-  std::snprintf(fields[0].name, sizeof fields[0].name, "BIG");
-  fields[0].type = 'N';
-  fields[0].length = 20;
-  std::snprintf(fields[1].name, sizeof fields[1].name, "SMALL");
-  fields[1].type = 'N';
-  fields[1].length = 5;
+  DBFIELD fields[2] = {Field("BIG", 'N', 20), Field("SMALL", 'N', 5)};
   ASSERT_EQ(DBCreateFile(path.c_str(), 2, fields, DB_DIALECT_DBASE4), 0);
   int32_t h = -1;
   ASSERT_EQ(DBOpenFile(&h, path.c_str(), DB_DIALECT_DBASE4), 0);
@@ -159,7 +137,7 @@ TEST_F(TableToolTest, JsonDumpOfWideNumbers) {
   ASSERT_EQ(DBCloseFile(h), 0);
   DBTerminate();
 
-  ProcessResult r = Tool({"dump", "--format", "json", path});
+  ProcessResult r = RunTool({"dump", "--format", "json", path});
   ASSERT_EQ(r.exit_code, 0) << r.err;
   Json got = Json::parse(r.out);
   ASSERT_TRUE(got["fields"]["BIG"].is_number_float()) << r.out;
@@ -169,13 +147,13 @@ TEST_F(TableToolTest, JsonDumpOfWideNumbers) {
 }
 
 TEST_F(TableToolTest, ErrorsPrintTheLibraryMessageAndExitOne) {
-  ProcessResult missing = Tool({"info", dir_.File("nothing.dbf")});
+  ProcessResult missing = RunTool({"info", dir_.File("nothing.dbf")});
   EXPECT_EQ(missing.exit_code, 1);
   EXPECT_NE(missing.err.find("kestrel: cannot open"), std::string::npos) << missing.err;
   EXPECT_NE(missing.err.find("ERROR - "), std::string::npos) << missing.err;
 
   // A dBASE III table (0x83) opened as FoxPro is refused by the engine.
-  ProcessResult wrong = Tool({"dump", "--dialect", "8", table_});
+  ProcessResult wrong = RunTool({"dump", "--dialect", "8", table_});
   EXPECT_EQ(wrong.exit_code, 1);
   EXPECT_NE(wrong.err.find("ERROR - invalid dBaseIII version (-218)"), std::string::npos)
       << wrong.err;

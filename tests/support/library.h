@@ -1,0 +1,95 @@
+// Test support shared by the component tests: the library initialised
+// around each test with a temporary directory, field descriptions, the
+// "status value" form of a call's results, and running the kestrel tool.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <sstream>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include "kestrel/kestrel.h"
+#include "runtime/memory.h"
+#include "support/interop.h"
+#include "support/temp_dir.h"
+
+namespace kestrel::test {
+
+inline DBFIELD Field(const char* name, int32_t type, int32_t length = 0, int32_t decimals = 0) {
+  DBFIELD f{};
+  std::memcpy(f.name, name, std::min(std::strlen(name), sizeof f.name - 1));
+  f.type = type;
+  f.length = length;
+  f.decimals = decimals;
+  return f;
+}
+
+// A status and the value a call wrote, as "status value" (numbers, bytes
+// included, as numbers); bind the value by reference so it is read after
+// the call.
+template <class T>
+std::string R(int32_t rc, const T& value) {
+  std::ostringstream out;
+  out << rc << ' ';
+  if constexpr (std::is_arithmetic_v<T>) {
+    out << std::to_string(value);
+  } else {
+    out << value;
+  }
+  return out.str();
+}
+
+// The library initialised with `count` (count - 5 slots), the error log
+// off and no lock retries, terminated after each test; a temporary directory.
+class LibraryTest : public ::testing::Test {
+ protected:
+  explicit LibraryTest(int32_t count = 40) : count_(count) {}
+  void SetUp() override {
+    DBErrorLog(0, nullptr);
+    DBSetLockRetryCount(0);
+    ASSERT_EQ(DBInitialize(count_, 0), 0);
+  }
+  void TearDown() override {
+    kestrel::testing::FailAllocation(0);
+    DBTerminate();
+    DBErrorLog(0, nullptr);
+  }
+  int32_t Open(const std::string& path, int32_t mode) {
+    int32_t h = -1;
+    EXPECT_EQ(DBOpenFile(&h, path.c_str(), mode), 0) << path;
+    return h;
+  }
+
+  TempDir dir_;
+
+ private:
+  int32_t count_;
+};
+
+// The kestrel tool, or "" when it is not built in this tree.
+inline std::string ToolPath() {
+  const std::string tool = KESTREL_TOOL_PATH;
+  return !tool.empty() && ::access(tool.c_str(), X_OK) == 0 ? tool : "";
+}
+// Runs the tool with the arguments.
+inline ProcessResult RunTool(std::vector<std::string> args) {
+  args.insert(args.begin(), KESTREL_TOOL_PATH);
+  return RunProcess(args);
+}
+inline std::vector<std::string> Lines(const std::string& text) {
+  std::vector<std::string> out;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) out.push_back(line);
+  return out;
+}
+
+}  // namespace kestrel::test
+
+// Skips the current test when the tool has not been built.
+#define KESTREL_REQUIRE_TOOL() \
+  if (::kestrel::test::ToolPath().empty()) GTEST_SKIP() << "the kestrel tool is not built"
