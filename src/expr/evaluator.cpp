@@ -8,6 +8,7 @@
 //               | "LEFT(" expression "," n ")"   | "RIGHT(" expression "," n ")"
 //               | "STR(" expression ["," width ["," decimals]] ")"
 //               | "SUBSTR(" expression "," start ["," count] ")"
+//               | alias "->" field name    (alias: FIELD, _FIELD or the table's name)
 //               | field name | numeric literal | character literal
 //
 // The text reaching the evaluator is free of blanks and upper-cased.  An
@@ -259,6 +260,66 @@ int32_t NameOrLiteral(Value& out, bool dtoc_argument) {
   return 0;
 }
 
+// ---- Alias references --------------------------------------------------
+
+bool IsNameCharacter(char c) {
+  return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '_';
+}
+
+bool SameLetters(const char* a, const char* b, size_t n) {
+  for (size_t i = 0; i < n; ++i) {
+    char x = a[i], y = b[i];
+    if (x >= 'a' && x <= 'z') x = static_cast<char>(x - 'a' + 'A');
+    if (y >= 'a' && y <= 'z') y = static_cast<char>(y - 'a' + 'A');
+    if (x != y) return false;
+  }
+  return true;
+}
+
+// Length of the alias at text when an arrow follows it ("ABT->"), else 0.
+size_t AliasLength(const char* text) {
+  size_t n = 0;
+  while (IsNameCharacter(text[n])) ++n;
+  return n > 0 && text[n] == '-' && text[n + 1] == '>' ? n : 0;
+}
+
+// An alias names this table when it is FIELD, _FIELD or the table's file
+// name without folder and extension.
+bool AliasNamesTable(const char* alias, size_t n) {
+  if ((n == 5 && SameLetters(alias, "FIELD", 5)) || (n == 6 && SameLetters(alias, "_FIELD", 6))) {
+    return true;
+  }
+  table::TableControl* t = Table();
+  if (!t || !t->file_name) return false;
+  const char* name = t->file_name;
+  const char* base = name;
+  for (const char* p = name; *p; ++p) {
+    if (*p == '/' || *p == '\\' || *p == ':') base = p + 1;
+  }
+  const char* dot = std::strrchr(base, '.');
+  size_t length = dot ? static_cast<size_t>(dot - base) : std::strlen(base);
+  return length == n && SameLetters(base, alias, n);
+}
+
+// alias->name: the field name of this table; any other alias, or a name that
+// is not a field, is an error.  Recognised before any other operand rule so
+// that the "-" of the arrow is never taken for the minus operator.
+int32_t AliasedField(size_t alias_length, Value& out, bool dtoc_argument) {
+  const char*& pos = Ev().position;
+  if (!AliasNamesTable(pos, alias_length)) return KS_BAD();
+  const char* name = pos + alias_length + 2;
+  size_t n = std::strcspn(name, ",)+-");
+  if (n < 1 || n > kMaxOperandLength) return KS_BAD();
+  char field_name[kMaxOperandLength + 1];
+  std::memcpy(field_name, name, n);
+  field_name[n] = '\0';
+  table::TableControl* t = Table();
+  int32_t field = t ? table::FieldNumberOf(t, field_name) : -1;
+  if (field < 0) return KS_BAD();
+  pos = name + n;
+  return ReadField(t, t->fields[field], out, dtoc_argument);
+}
+
 // Takes a keyword callback's value into out.
 int32_t AdoptCallbackValue(const DBEXPRVALUE& given, Value& out) {
   const char* bytes = static_cast<const char*>(given.value);
@@ -495,6 +556,7 @@ int32_t Str(Value& out) {
 
 int32_t ParseOperand(Value& out, bool dtoc_argument) {
   const char* text = Ev().position;
+  if (size_t alias = AliasLength(text)) return AliasedField(alias, out, dtoc_argument);
   if (KeywordCount() > 0) {
     int32_t index = FindParseEntry(text);
     if (index >= 0) return CallKeyword(index, out);

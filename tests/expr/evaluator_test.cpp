@@ -55,7 +55,14 @@ TEST_F(ExprTest, ExpressionsGiveTheirTypesLengthsAndValues) {
       {"SUBSTR(NAME,11)", "C0:\"\""}, {"SUBSTR(NAME,60000,60000)", "C0:\"\""},
       {"LEFT(NAME+FIRST,12)", "C12:\"SMITH     JO\""},
       {"LEFT(NAME,2)+RIGHT(FIRST,6)", "C8:\"SMHN    \""},
-      {"SUBSTR(LEFT(DTOC(HIRED,1),6),3,2)", "C2:\"03\""}};
+      {"SUBSTR(LEFT(DTOC(HIRED,1),6),3,2)", "C2:\"03\""},
+      // An alias of this table before "->" names the field; the arrow's "-"
+      // is never the minus operator.
+      {"FIELD->NAME", "C10:\"SMITH     \""}, {"_field -> first", "C8:\"JOHN    \""},
+      {"Staff->Name+FIELD->FIRST", "C18:\"SMITH     JOHN    \""},
+      {"STR(STAFF->PRICE,6,1)+FIELD->FIRST", "C14:\"  12.5JOHN    \""},
+      {"DTOC(FIELD->HIRED,1)", "C8:\"20030715\""}, {"NAME-FIELD->FIRST", "C10:\"SMITH     \""},
+      {"Q1+FIELD->Q2", "3/4:12"}};
   // clang-format on
   for (const auto& [expression, want] : cases) {
     DBSetErrorCode(0);
@@ -77,7 +84,10 @@ TEST_F(ExprTest, BadExpressionsAreRefused) {
       "LEFT(NAME,3]", "SUBSTR(NAME,2", "LEFT(PRICE,2)", "RIGHT(HIRED,2)", ")", ",", "NAME)",
       "NAME,", "NAME+)", "NAME++FIRST", "(NAME)", "LEFT(", "LEFT()", "LEFT(,3)", "RIGHT(NAME,,)",
       "SUBSTR(NAME,)", "SUBSTR()", "STR()", "STR(,3)", "DTOC()", "DTOC(,1)", "STR(AMOUNT,10,2,3)",
-      "LEFT(NAME,3,4)", "NAME+STR(AMOUNT,10,2", "FOO(NAME)", "NAME+FOO(1)"};
+      "LEFT(NAME,3,4)", "NAME+STR(AMOUNT,10,2", "FOO(NAME)", "NAME+FOO(1)",
+      // Another work area's alias, or no such field behind a good one.
+      "ABT->NAME", "NAME+STAFFS->FIRST", "FIELDS->NAME", "NAME->FIRST", "FIELD->NAMEE",
+      "FIELD->", "STR(FIELD->ABCDEFGHIJK,3)"};
   // clang-format on
   for (const char* expression : refused) {
     const long live = testing::LiveAllocations();

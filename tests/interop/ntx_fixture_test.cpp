@@ -268,5 +268,58 @@ INSTANTIATE_TEST_SUITE_P(Harbour, NtxFixtureTest, ::testing::ValuesIn(kIndexes),
                            return std::string(info.param.name);
                          });
 
+// Indexes of real applications whose expressions name fields through an
+// alias (FIELD->, or the work area's alias, which is the table's name when
+// the table is opened under it): the key made from each record is the key
+// the application stored, and an alias naming another table is refused.
+TEST(NtxAliasFixtureTest, KeysMadeThroughAnAliasEqualTheStoredKeys) {
+  struct Case {
+    const char* table;   // fixture, copied as `as`
+    const char* as;
+    const char* index;   // fixture
+    int32_t date_style;  // the application's date format
+  };
+  const Case cases[] = {
+      {"harbour_test.dbf", "test.dbf", "harbour_test1.ntx", 3},  // FIELD->LAST
+      {"fluxo-caixa-clipper_ABERTAS.DBF", "ABT.DBF", "fluxo-caixa-clipper_ABERTAS.NTX", 3},
+      {"fluxo-caixa-clipper_CLIFOR.DBF", "cli.dbf", "fluxo-caixa-clipper_CLICOD.NTX", 3},
+      {"fluxo-caixa-clipper_PAGAS.DBF", "Pag.Dbf", "fluxo-caixa-clipper_PGDTA.NTX", 9},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.index);
+    TempDir dir;
+    ASSERT_EQ(DBInitialize(64, 0), 0);
+    ASSERT_EQ(DBSetDefaultDateStyle(c.date_style), 0);
+    std::string index = CopyFixture(std::string("ntx/realworld/") + c.index, dir);
+    for (const std::string& name : {std::string(c.as), std::string("OTHER.DBF")}) {
+      std::string table_path = CopyFixture(std::string("ntx/realworld/") + c.table, dir, name);
+      int32_t table = -1, h = -1;
+      ASSERT_EQ(DBOpenFile(&table, table_path.c_str(), DB_DIALECT_CLIPPER | DB_OPEN_READONLY), 0);
+      ASSERT_EQ(DBclOpenIndex(&h, index.c_str(), DB_OPEN_READONLY), 0);
+      DBCLINDEXINFO info{};
+      ASSERT_EQ(DBclGetIndexInfo(h, &info), 0);
+      std::string key(info.key_length + 1, '\0');
+      int32_t rec = 0, keys = 0;
+      for (int32_t rc = DBclGoFirstKey(h, key.data(), &rec); rc == 0;
+           rc = DBclGoNextKey(h, key.data(), &rec), ++keys) {
+        ASSERT_GE(DBGetRecord(table, rec), 0);
+        char* made = nullptr;
+        int32_t made_rc = DBclMakeKey(table, h, &made);
+        if (name == "OTHER.DBF" && std::string(c.index) != "harbour_test1.ntx") {
+          EXPECT_EQ(made_rc, DB_ERR_BAD_EXPRESSION) << rec;
+        } else {
+          ASSERT_GE(made_rc, 0) << rec;
+          EXPECT_EQ(std::string(made, info.key_length), key.substr(0, info.key_length)) << rec;
+        }
+        DBFreeMemory(made);
+      }
+      EXPECT_GT(keys, 2);
+      DBclCloseIndex(h);
+      DBCloseFile(table);
+    }
+    DBTerminate();
+  }
+}
+
 }  // namespace
 }  // namespace kestrel::test
