@@ -12,6 +12,7 @@
 
 #include "command.h"
 #include "index/clipper/ntx_build.h"
+#include "key_names.h"
 #include "kestrel/kestrel.h"
 #include "table_text.h"
 
@@ -30,6 +31,7 @@ struct BuildOptions {
   bool unique = false;
   bool descending = false;
   bool with_decimals = false;
+  bool force = false;
   DialectOption dialect;
 };
 
@@ -55,9 +57,29 @@ void ShowProgress(void* context, int phase, uint64_t done, uint64_t total) {
   std::fflush(stderr);
 }
 
+// A word of the expression that is not a field is read by the evaluator as
+// that text, the same for every record: an index of such keys is useless,
+// so the build is refused unless forced.
+void RefuseUnknownNames(int32_t table, const std::string& path, const std::string& expression,
+                        bool force) {
+  std::string unknown;
+  for (const KeyName& name : NamesOf(expression)) {
+    if (!NamesField(table, path, name)) unknown += (unknown.empty() ? "" : ", ") + name.Text();
+  }
+  if (unknown.empty()) return;
+  std::cerr << "kestrel: warning: " << unknown << " in the key expression is not a field of "
+            << path << "; the evaluator takes it as that text, the same for every record\n";
+  if (!force) {
+    std::cerr << "kestrel: not building; correct the expression, or give --force to build it "
+                 "anyway\n";
+    throw CLI::RuntimeError(kExitFailure);
+  }
+}
+
 void RunBuild(const BuildOptions& o) {
   DBSetDefaultDateStyle(15);  // date keys from four-digit years
   OpenTable table(o.table, o.dialect.value);
+  RefuseUnknownNames(table.handle(), o.table, o.expression, o.force);
   int32_t type = o.type.empty() ? 'C' : static_cast<unsigned char>(o.type[0]);
   if (o.type.size() == 1 && o.type[0] >= '1' && o.type[0] <= '6') type = o.type[0] - '0';
   int32_t length = o.length;
@@ -112,8 +134,8 @@ std::string Printable(const char* key, int length) {
 void RunKeys(const KeysOptions& o) {
   DBSetDefaultDateStyle(15);
   int32_t h = -1;
-  int32_t rc = DBclOpenIndex(&h, o.index.c_str(), DB_OPEN_READONLY);
-  if (rc < 0) FailWithStatus("cannot open " + o.index, rc);
+  int32_t rc = DBclOpenIndex(&h, o.index.c_str(), DB_OPEN_READONLY | DB_OPEN_SHARED);
+  if (rc < 0) FailToOpen(o.index, DB_OPEN_READONLY | DB_OPEN_SHARED, rc);
   DBCLINDEXINFO info{};
   DBclGetIndexInfo(h, &info);
   std::unique_ptr<OpenTable> table;
@@ -165,6 +187,8 @@ CommandRegistration reg{
       build->add_flag(
           "--clipper-numeric", b->with_decimals,
           "Numeric keys with point and decimals, as other programs of the dialect store them");
+      build->add_flag("--force", b->force,
+                      "Build even when the expression names something that is not a field");
       AddDialectOption(build, &b->dialect);
       build->callback([b] { RunBuild(*b); });
 

@@ -194,12 +194,22 @@ bool ParseRange(const std::string& text, uint32_t* first, uint32_t* last) {
 }
 
 void RunLocks(const std::string& path, const DialectOption& option, const std::string& records) {
+  // A bad range is a bad command line, told before any file is touched.
+  uint32_t first = 1, last = 0;
+  if (!records.empty() && !ParseRange(records, &first, &last)) {
+    FailUsage("--records wants N..M with 1 <= N <= M");
+  }
   auto header = ReadHeader(path);
-  if (!header) FailWithStatus("cannot read the header of " + path, DB_ERR_READ);
+  if (!header) {
+    if (!OpenFailureReason(path, DB_OPEN_READONLY | DB_OPEN_SHARED).empty()) {
+      FailToOpen(path, DB_OPEN_READONLY | DB_OPEN_SHARED, DB_ERR_OPEN);
+    }
+    FailWithStatus("cannot read the header of " + path, DB_ERR_READ);
+  }
   int dialect = option.value >= 0 ? option.value : GuessDialect(header->version);
   if (dialect == 0) dialect = 1;
   int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) FailWithStatus("cannot open " + path, DB_ERR_OPEN);
+  if (fd < 0) FailToOpen(path, DB_OPEN_READONLY | DB_OPEN_SHARED, DB_ERR_OPEN);
   struct stat st {};
   ::fstat(fd, &st);
   if ((dialect == 5 || dialect == 6) && header->record_length > 0) {
@@ -210,12 +220,7 @@ void RunLocks(const std::string& path, const DialectOption& option, const std::s
             ? static_cast<uint32_t>((size - header->header_length) / header->record_length)
             : 0;
   }
-  uint32_t first = 1, last = header->count;
-  if (!records.empty() && !ParseRange(records, &first, &last)) {
-    ::close(fd);
-    std::cerr << "kestrel: --records wants N..M with 1 <= N <= M\n";
-    throw CLI::RuntimeError(2);
-  }
+  if (records.empty()) last = header->count;
 
   std::vector<Region> regions = TableRegions(dialect, *header);
   for (uint64_t r = first; r <= last; ++r) {

@@ -71,8 +71,10 @@ OpenTable::OpenTable(const std::string& path, int dialect) : dialect_(dialect) {
     auto facts = ReadHeaderFacts(path);
     dialect_ = facts ? GuessDialect(facts->version) : DB_DIALECT_DBASE3;
   }
-  int32_t rc = DBOpenFile(&handle_, path.c_str(), dialect_ | DB_OPEN_READONLY);
-  if (rc < 0) FailWithStatus("cannot open " + path, rc);
+  // Read-only and shared: reading never keeps others from the table.
+  const int32_t mode = dialect_ | DB_OPEN_READONLY | DB_OPEN_SHARED;
+  int32_t rc = DBOpenFile(&handle_, path.c_str(), mode);
+  if (rc < 0) FailToOpen(path, mode, rc);
   DBRECORDINFO info{};
   rc = DBGetRecordInfo(handle_, &info);
   if (rc >= 0) {

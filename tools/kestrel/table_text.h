@@ -35,7 +35,7 @@ struct DialectOption {
 };
 void AddDialectOption(CLI::App* cmd, DialectOption* option);
 
-// A table opened read-only; closes on destruction. Open() prints the
+// A table opened read-only and shared; closes on destruction. Open() prints the
 // library message and throws (exit status 1) on failure.
 class OpenTable {
  public:
