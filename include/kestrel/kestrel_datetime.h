@@ -63,10 +63,14 @@ KESTREL_API int32_t DBDate3ToLong(int32_t* longDate, int32_t year, int32_t month
 KESTREL_API int32_t DBLongDateTo3(int32_t* year, int32_t* month, int32_t* day, int32_t longDate);
 /* index 0 = Sunday .. 6 = Saturday. */
 KESTREL_API int32_t DBLongDateToDayOfWeek(int32_t* index, int32_t longDate);
+/* buffer: DB_DATE_NAME_SIZE bytes (the name and a zero). */
 KESTREL_API int32_t DBDayOfWeek(char* buffer, int32_t index);
 KESTREL_API int32_t DBMonthToStr(char* buffer, int32_t month);
 
-/* ---- Date strings --------------------------------------------------------- */
+/* ---- Date strings ---------------------------------------------------------
+ * Every call below that writes a date text into buffer needs DB_DATE_STR_SIZE
+ * bytes; DBStrDateToMonth and DBStrDateToDayOfWeek write a name and need
+ * DB_DATE_NAME_SIZE bytes. */
 KESTREL_API int32_t DBDate3ToStr(char* buffer, int32_t style, int32_t year, int32_t month,
                                  int32_t day);
 /* Returns the warning 202 (and three zeros) for a blank date. */
@@ -100,7 +104,8 @@ KESTREL_API int32_t DBGetDate3(int32_t* year, int32_t* month, int32_t* day, int3
 KESTREL_API int32_t DBGetTime3(int32_t* hours, int32_t* minutes, int32_t* seconds,
                                int32_t* hundredths);
 
-/* ---- Times ---------------------------------------------------------------- */
+/* ---- Times ----------------------------------------------------------------
+ * DBTime3ToStr and DBGetTimeStr write into DB_TIME_STR_SIZE bytes. */
 KESTREL_API int32_t DBTime3ToStr(char* buffer, int32_t style, int32_t hours, int32_t minutes,
                                  int32_t seconds);
 KESTREL_API int32_t DBStrTimeTo3(int32_t* hours, int32_t* minutes, int32_t* seconds,

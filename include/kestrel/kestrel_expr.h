@@ -56,7 +56,8 @@ KESTREL_API int32_t DBAddParseEntry(const char* name, ParseEntryCallback callbac
 /* 204 when no keyword of exactly that name is registered. */
 KESTREL_API int32_t DBDeleteParseEntry(const char* name);
 /* Copies the name of keyword index (0-based, sorted order) and a terminating
- * zero into buffer; 203 when index is not below the count. */
+ * zero into buffer (maxLength + 1 bytes, maxLength from DBGetTableInfo); 203
+ * when index is not below the count. */
 KESTREL_API int32_t DBGetEntryStr(char* buffer, int32_t index);
 /* The number of keywords and the longest name's length; 202 (maxLength not
  * written) when there is none. */

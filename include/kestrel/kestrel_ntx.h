@@ -67,7 +67,9 @@ KESTREL_API int32_t DBclZapIndex(int32_t handle);
 KESTREL_API int32_t DBclBuildIndex(int32_t table, const char* filename, int32_t keyType,
                                    char* keyExpression, int32_t keyLength, int32_t decimals);
 
-/* ---- Search and navigation ------------------------------------------- */
+/* ---- Search and navigation -------------------------------------------
+ * key: key length + 1 bytes (DBCLINDEXINFO.key_length); a key found is
+ * written there with a zero after it. */
 KESTREL_API int32_t DBclKeySearch(int32_t handle, char* key, int32_t* record, int32_t mode);
 KESTREL_API int32_t DBclGoFirstKey(int32_t handle, char* key, int32_t* record);
 KESTREL_API int32_t DBclGoLastKey(int32_t handle, char* key, int32_t* record);
@@ -84,7 +86,11 @@ KESTREL_API int32_t DBclAddKey(int32_t handle, const char* key, int32_t record);
 KESTREL_API int32_t DBclInsertKey(int32_t handle, const char* key, int32_t record);
 KESTREL_API int32_t DBclDeleteKey(int32_t handle, const char* key, int32_t record);
 
-/* ---- Keys ------------------------------------------------------------- */
+/* ---- Keys -------------------------------------------------------------
+ * The key buffers written, each with a zero after the key: DBclNumericToKey
+ * the index's key length + 1 bytes; DBclDateToKey 9; DBclDoubleToKey 9;
+ * DBclFloatToKey, DBclLongToKey, DBclUnsignedLongToKey 5; DBclShortToKey,
+ * DBclUnsignedShortToKey 3.  DBclKeyToDate writes DB_DATE_STR_SIZE bytes. */
 KESTREL_API int32_t DBclNumericToKey(int32_t handle, char* key, double value);
 KESTREL_API int32_t DBclKeyToNumeric(double* value, const char* key);
 KESTREL_API int32_t DBclDateToKey(char* key, const char* date, int32_t style);
@@ -111,6 +117,7 @@ KESTREL_API int32_t DBclSetNumericKeyForm(int32_t handle, int32_t form, int32_t*
 
 /* ---- Information ------------------------------------------------------ */
 KESTREL_API int32_t DBclGetIndexInfo(int32_t handle, DBCLINDEXINFO* info);
+/* text: 256 bytes (the expression, at most 255 characters, and a zero). */
 KESTREL_API int32_t DBclGetIndexKeyExpr(int32_t handle, char* text);
 
 KESTREL_EXTERN_C_END

@@ -95,14 +95,17 @@ KESTREL_API int32_t DBCloseFile(int32_t handle);
 KESTREL_API int32_t DBFlushFile(int32_t handle);
 KESTREL_API int32_t DBGetFileHeader(int32_t handle);
 KESTREL_API int32_t DBGetFileInfo(int32_t handle, DBFILEINFO* info);
+/* fields: room for one DBFIELD per field (DBGetRecordInfo gives the count). */
 KESTREL_API int32_t DBGetFileDescription(int32_t handle, int32_t* widest, DBFIELD* fields);
 KESTREL_API int32_t DBGetFieldDescription(int32_t handle, int32_t field, DBFIELD* description);
+/* buffer: DB_DATE_STR_SIZE bytes (the date in date_style and a zero). */
 KESTREL_API int32_t DBGetLastUpdate(int32_t handle, char* buffer, int32_t date_style);
 KESTREL_API int32_t DBSetProductionIndex(int32_t handle);
 KESTREL_API int32_t DBSetFieldIndexed(int32_t handle, int32_t field);
 
 /* ---- Records ------------------------------------------------------------ */
 KESTREL_API int32_t DBGetRecord(int32_t handle, int32_t recno);
+/* buffer: the record length (DBGetRecordInfo), deletion flag included. */
 KESTREL_API int32_t DBGetRecordToBuffer(int32_t handle, void* buffer, int32_t recno);
 KESTREL_API int32_t DBPutRecord(int32_t handle, int32_t* recno, int32_t mode);
 KESTREL_API int32_t DBPutRecordFromBuffer(int32_t handle, const void* buffer, int32_t* recno,
@@ -120,6 +123,19 @@ KESTREL_API int32_t DBIsEndOfFile(int32_t handle);
 KESTREL_API int32_t DBGetSetCacheSize(int32_t handle, int32_t* records, int32_t op);
 
 /* ---- Fields (0-based field numbers, or names ignoring case) ------------- */
+/* The buffers the gets fill, by the field's type and length (DBFIELD):
+ *   DBGetFieldData, DBGetNamedData (converted by type):
+ *     C            length + 1 bytes (the text, space-padded, and a zero)
+ *     D            DB_DATE_STR_SIZE bytes (the date in the default style)
+ *     N, F         a double (8 bytes)
+ *     L            1 byte (1 true, 0 false; unchanged for other letters)
+ *     M            a uint32_t (the block number)
+ *     binary 1     8 bytes;  2, 3, 4: 4 bytes;  5, 6: 2 bytes
+ *     other codes  nothing is written
+ *   DBGetStrField, DBGetNamedStr (any type, as stored): length + 1 bytes.
+ *   DBGetFieldBinary, DBGetNamedBinary (raw bytes, no zero): length bytes.
+ * A buffer of the widest field's length (DBGetFileDescription) + 1 bytes, and
+ * at least DB_DATE_STR_SIZE, suits every field. */
 KESTREL_API int32_t DBGetFieldData(int32_t handle, int32_t field, void* value);
 KESTREL_API int32_t DBGetNamedData(int32_t handle, const char* name, void* value);
 KESTREL_API int32_t DBGetStrField(int32_t handle, int32_t field, char* buffer);
@@ -133,6 +149,7 @@ KESTREL_API int32_t DBPutNamedStr(int32_t handle, const char* name, const char* 
 KESTREL_API int32_t DBPutFieldBinary(int32_t handle, int32_t field, const void* bytes);
 KESTREL_API int32_t DBPutNamedBinary(int32_t handle, const char* name, const void* bytes);
 KESTREL_API int32_t DBGetFieldNumber(int32_t handle, int32_t* number, const char* name);
+/* buffer: 11 bytes (a name of at most 10 characters and a zero). */
 KESTREL_API int32_t DBGetFieldName(int32_t handle, char* buffer, int32_t field);
 KESTREL_API int32_t DBIsFieldBlank(int32_t handle, int32_t field);
 KESTREL_API int32_t DBIsNamedBlank(int32_t handle, const char* name);
