@@ -7,6 +7,8 @@ packages=(
   cmake g++ make pkg-config
   libgtest-dev libgmock-dev libbenchmark-dev
   libcli11-dev nlohmann-json3-dev
+  # The fuzz targets: clang and its libFuzzer runtime.
+  clang libclang-rt-dev
   # Independent xBase readers used by the interop tests.
   python3 python3-dbfread python3-dbf libdbd-xbase-perl libxbase64-dev
   # Xbase64's index code works only where a long is 4 bytes: its NTX reader
