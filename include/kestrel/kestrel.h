@@ -15,6 +15,7 @@
 #ifndef KESTREL_KESTREL_H
 #define KESTREL_KESTREL_H
 
+#include "kestrel/kestrel_check.h"
 #include "kestrel/kestrel_datetime.h"
 #include "kestrel/kestrel_expr.h"
 #include "kestrel/kestrel_frame.h"

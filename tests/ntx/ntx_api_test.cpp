@@ -28,35 +28,32 @@ class NtxApiTest : public NtxTest {
   }
 };
 
-TEST_F(NtxApiTest, CreateChecksArgumentsAndWritesTheHeader) {
+TEST_F(NtxApiTest, CreateWritesTheHeaderAndChecksArguments) {
   std::string path = dir_.File("a.ntx");
-  char expr[] = "UPPER( NAME )";
+  char expr[] = "upper( name )";
   ASSERT_EQ(DBclCreateIndex(path.c_str(), 'C', expr, 20, 0), 0);
-  EXPECT_STREQ(expr, "UPPER(NAME)");
-  char lower[] = "upper( name )";
-  ASSERT_EQ(DBclCreateIndex(dir_.File("b.ntx").c_str(), 'C', lower, 20, 0), 0);
-  EXPECT_STREQ(lower, "upper(name)");  // blanks go, the letters stay as given
-  EXPECT_STREQ(reinterpret_cast<const char*>(&ReadFileBytes(dir_.File("b.ntx"))[22]),
-               "UPPER(NAME)");
+  EXPECT_STREQ(expr, "upper(name)");  // blanks go, the letters stay as given
   auto bytes = ReadFileBytes(path);
   ASSERT_EQ(bytes.size(), 2048u);
-  EXPECT_EQ(LoadLE16(&bytes[0]), 6);
-  EXPECT_EQ(LoadLE16(&bytes[2]), 1);
-  EXPECT_EQ(LoadLE32(&bytes[4]), 1024u);
-  EXPECT_EQ(LoadLE16(&bytes[12]), 28);
-  EXPECT_EQ(LoadLE16(&bytes[18]), 32);
-  EXPECT_EQ(LoadLE16(&bytes[20]), 16);
   EXPECT_STREQ(reinterpret_cast<const char*>(&bytes[22]), "UPPER(NAME)");
+  // signature, version, root, item size, maximum items, half page.
+  const uint32_t fields[][2] = {{0, 6}, {2, 1}, {4, 1024}, {12, 28}, {18, 32}, {20, 16}};
+  for (const auto& [offset, value] : fields) {
+    EXPECT_EQ(offset == 4 ? LoadLE32(&bytes[offset]) : LoadLE16(&bytes[offset]), value) << offset;
+  }
   EXPECT_EQ(LoadLE16(&bytes[1024 + 2]), 2 * (32 + 2));  // first slot after the table
 
+  struct Case {
+    int32_t type, length, decimals, rc;
+  } cases[] = {{'x', 10, 0, DB_ERR_KEY_TYPE},   {0, 10, 0, DB_ERR_KEY_TYPE},
+               {'c', 10, 0, 0},                 {'C', 255, 0, DB_ERR_KEY_LENGTH},
+               {'N', 20, 0, DB_ERR_KEY_LENGTH}, {'N', 19, 15, 0},
+               {'N', 10, 9, DB_ERR_DECIMALS}};
+  for (const Case& c : cases) {
+    char e[] = "X";
+    EXPECT_EQ(DBclCreateIndex(path.c_str(), c.type, e, c.length, c.decimals), c.rc) << c.type;
+  }
   char e2[] = "X";
-  EXPECT_EQ(DBclCreateIndex(path.c_str(), 'x', e2, 10, 0), DB_ERR_KEY_TYPE);
-  EXPECT_EQ(DBclCreateIndex(path.c_str(), 0, e2, 10, 0), DB_ERR_KEY_TYPE);
-  EXPECT_EQ(DBclCreateIndex(path.c_str(), 'c', e2, 10, 0), 0);  // lower case counts
-  EXPECT_EQ(DBclCreateIndex(path.c_str(), 'C', e2, 255, 0), DB_ERR_KEY_LENGTH);
-  EXPECT_EQ(DBclCreateIndex(path.c_str(), 'N', e2, 20, 0), DB_ERR_KEY_LENGTH);
-  EXPECT_EQ(DBclCreateIndex(path.c_str(), 'N', e2, 19, 15), 0);
-  EXPECT_EQ(DBclCreateIndex(path.c_str(), 'N', e2, 10, 9), DB_ERR_DECIMALS);
   EXPECT_EQ(DBclCreateIndex(nullptr, 'C', e2, 10, 0), DB_ERR_NULL);
   std::string long_expr(300, 'A');
   EXPECT_EQ(DBclCreateIndex(path.c_str(), 'C', long_expr.data(), 10, 0), DB_ERR_BAD_EXPRESSION);
@@ -76,71 +73,23 @@ TEST_F(NtxApiTest, CreateChecksArgumentsAndWritesTheHeader) {
   EXPECT_EQ(LoadLE16(&bytes[282]), 1);
 }
 
-TEST_F(NtxApiTest, OpenRejectsDamagedHeaders) {
+// Damaged headers are in ntx_check_test.cpp, beside the checker's findings.
+TEST_F(NtxApiTest, OpenModesAndHandles) {
   std::string path = dir_.File("h.ntx");
   char e[] = "NAME";
   ASSERT_EQ(DBclCreateIndex(path.c_str(), 'C', e, 10, 0), 0);
-  auto good = ReadFileBytes(path);
-  auto try_open = [&](std::vector<uint8_t> bytes) {
-    WriteFileBytes(path, bytes);
-    int32_t h = 99;
-    int32_t rc = DBclOpenIndex(&h, path.c_str(), 0);
-    if (rc >= 0) {
-      DBclCloseIndex(h);
-    } else {
-      EXPECT_EQ(h, -1);
-    }
-    return rc;
-  };
-  auto bad = good;
-  StoreLE16(&bad[14], 0);
-  EXPECT_EQ(try_open(bad), DB_ERR_KEY_LENGTH);
-  bad = good;
-  StoreLE16(&bad[12], 17);
-  EXPECT_EQ(try_open(bad), DB_ERR_ITEM_LENGTH);
-  bad = good;
-  StoreLE32(&bad[4], 0);
-  EXPECT_EQ(try_open(bad), DB_ERR_ROOT_PAGE);
-  bad = good;
-  StoreLE32(&bad[4], 2048);  // the end of the file
-  EXPECT_EQ(try_open(bad), DB_ERR_ROOT_PAGE);
-  bad = good;
-  StoreLE16(&bad[18], 48);
-  EXPECT_EQ(try_open(bad), DB_ERR_MAX_KEYS);
-  bad = good;
-  StoreLE16(&bad[20], 20);
-  EXPECT_EQ(try_open(bad), DB_ERR_MIN_KEYS);
-  bad = good;
-  std::memset(&bad[22], 'A', 256);
-  EXPECT_EQ(try_open(bad), DB_ERR_BAD_EXPRESSION);
-  bad = good;
-  bad.resize(100);
-  EXPECT_EQ(try_open(bad), DB_ERR_READ);
-  bad = good;
-  bad.resize(2100);
-  EXPECT_EQ(try_open(bad), DB_WARN_FILE_LENGTH);
-  EXPECT_EQ(try_open(good), 0);
+  auto bytes = ReadFileBytes(path);
+  bytes.resize(2100);
+  WriteFileBytes(path, bytes);
   int32_t h = 0;
+  EXPECT_EQ(DBclOpenIndex(&h, path.c_str(), 0), DB_WARN_FILE_LENGTH);
+  EXPECT_EQ(DBclCloseIndex(h), 0);
   EXPECT_EQ(DBclOpenIndex(&h, dir_.File("missing.ntx").c_str(), 0), DB_ERR_OPEN);
   EXPECT_EQ(h, -1);
   EXPECT_EQ(DBclOpenIndex(&h, path.c_str(), 0x07), DB_ERR_VERSION);
-  EXPECT_EQ(DBclOpenIndex(&h, path.c_str(), 0x05), 0);
+  EXPECT_EQ(DBclOpenIndex(&h, path.c_str(), 0x05), DB_WARN_FILE_LENGTH);
   EXPECT_EQ(DBclCloseIndex(h), 0);
   EXPECT_EQ(DBclCloseIndex(h), DB_ERR_INVALID_HANDLE);
-  // A failed open leaves nothing allocated.
-  long live = testing::LiveAllocations();
-  for (int n = 1; n <= 20; ++n) {
-    testing::FailAllocation(n);
-    int32_t rc = DBclOpenIndex(&h, path.c_str(), 0);
-    testing::FailAllocation(0);
-    if (rc == 0) {
-      DBclCloseIndex(h);
-    } else {
-      EXPECT_EQ(rc, DB_ERR_MEMORY);
-      EXPECT_EQ(h, -1);
-    }
-    EXPECT_EQ(testing::LiveAllocations(), live) << n;
-  }
 }
 
 TEST_F(NtxApiTest, EmptyIndexAndEndsOfTheWalk) {
@@ -148,57 +97,48 @@ TEST_F(NtxApiTest, EmptyIndexAndEndsOfTheWalk) {
   char key[11] = "X";
   int32_t rec = 0;
   EXPECT_EQ(DBclKeySearch(h, key, &rec, 1), DB_WARN_FILE_EMPTY);
-  EXPECT_EQ(DBclGoFirstKey(h, key, &rec), DB_WARN_FILE_EMPTY);
   EXPECT_EQ(DBclGoLastKey(h, key, &rec), DB_WARN_FILE_EMPTY);
-  EXPECT_EQ(DBclDeleteKey(h, "X", 1), DB_WARN_FILE_EMPTY);
   EXPECT_EQ(DBclGetCurrentKey(h, key, &rec), DB_WARN_KEY_NOT_FOUND);
   EXPECT_EQ(DBclKeySearch(h, nullptr, &rec, 1), DB_ERR_NULL);
   EXPECT_EQ(DBclKeySearch(h + 1, key, &rec, 1), DB_ERR_INVALID_HANDLE);
   for (const char* n : {"B", "A", "C"}) ASSERT_EQ(DBclAddKey(h, n, n[0]), 0);
+  // Past either end the position stays on the last key reached.
   EXPECT_EQ(DBclGoLastKey(h, key, &rec), 0);
-  EXPECT_EQ(rec, 'C');
   EXPECT_EQ(DBclGoNextKey(h, key, &rec), DB_WARN_NO_MORE_KEYS);
-  EXPECT_EQ(rec, 'C');
   EXPECT_EQ(DBclGetCurrentKey(h, key, &rec), 0);
   EXPECT_EQ(rec, 'C');
   EXPECT_EQ(DBclGoFirstKey(h, key, &rec), 0);
-  EXPECT_EQ(std::string(key), Pad("A", 10));
   EXPECT_EQ(DBclGoPreviousKey(h, key, &rec), DB_WARN_NO_MORE_KEYS);
   EXPECT_EQ(rec, 'A');
 }
 
+// What the model test does not cover: search keys shorter than the key, and
+// the remember bit.
 TEST_F(NtxApiTest, SearchModesOnNames) {
   int32_t h = Names({"JONES", "SMALL", "SMITH", "ADAMS", "SMITH", "TAYLOR"});
+  struct Case {
+    const char* key;
+    int mode;
+    int32_t rc;
+    const char* stops;
+    int32_t rec;
+  } cases[] = {
+      // A prefix finds the first name that begins with it.
+      {"SM", 1, 0, "SMALL", 2}, {"SM", 12, 0, "SMALL", 2}, {"SM", 13, 0, "SMALL", 2},
+      {"SM", 14, 0, "SMALL", 2}, {"SMITH", 1, 0, "SMITH", 3},  // the first of the equal keys
+      {"SMITH", 15, 0, "TAYLOR", 6}, {"SMITH", 11, 0, "SMALL", 2},
+      {"BROWN", 1, DB_WARN_KEY_NOT_FOUND, "ADAMS", 4}, {"AARON", 1, DB_WARN_NO_MORE_KEYS, "ADAMS", 4},
+      {"ZZ", 14, DB_WARN_KEY_NOT_FOUND, "TAYLOR", 6},
+  };
   char key[11];
   int32_t rec = 0;
-  // A prefix finds the first name that begins with it.
-  for (int mode : {1, 12, 13, 14}) {
-    std::strcpy(key, "SM");
-    EXPECT_EQ(DBclKeySearch(h, key, &rec, mode), 0) << mode;
-    EXPECT_EQ(std::string(key), Pad("SMALL", 10)) << mode;
+  for (const Case& c : cases) {
+    std::strcpy(key, c.key);
+    EXPECT_EQ(DBclKeySearch(h, key, &rec, c.mode), c.rc) << c.key << " " << c.mode;
+    EXPECT_EQ(std::string(key), Pad(c.stops, 10)) << c.key << " " << c.mode;
+    EXPECT_EQ(rec, c.rec) << c.key << " " << c.mode;
   }
-  std::strcpy(key, "SMITH");
-  EXPECT_EQ(DBclKeySearch(h, key, &rec, 1), 0);
-  EXPECT_EQ(rec, 3);  // the first of the equal keys
-  std::strcpy(key, "SMITH");
-  EXPECT_EQ(DBclKeySearch(h, key, &rec, 15), 0);
-  EXPECT_EQ(std::string(key), Pad("TAYLOR", 10));
-  std::strcpy(key, "SMITH");
-  EXPECT_EQ(DBclKeySearch(h, key, &rec, 11), 0);
-  EXPECT_EQ(std::string(key), Pad("SMALL", 10));
-  std::strcpy(key, "BROWN");
-  EXPECT_EQ(DBclKeySearch(h, key, &rec, 1), DB_WARN_KEY_NOT_FOUND);
-  EXPECT_EQ(std::string(key), Pad("ADAMS", 10));
-  std::strcpy(key, "AARON");
-  EXPECT_EQ(DBclKeySearch(h, key, &rec, 1), DB_WARN_NO_MORE_KEYS);
-  std::strcpy(key, "ZZ");
-  EXPECT_EQ(DBclKeySearch(h, key, &rec, 14), DB_WARN_KEY_NOT_FOUND);
-  EXPECT_EQ(std::string(key), Pad("TAYLOR", 10));
   // Mode 2: the key with a given record.
-  std::strcpy(key, Pad("SMITH", 10).c_str());
-  rec = 5;
-  EXPECT_EQ(DBclKeySearch(h, key, &rec, 2), 0);
-  EXPECT_EQ(rec, 5);
   std::strcpy(key, Pad("SMITH", 10).c_str());
   rec = 4;
   EXPECT_EQ(DBclKeySearch(h, key, &rec, 2), DB_WARN_KEY_NOT_FOUND);
@@ -218,37 +158,6 @@ TEST_F(NtxApiTest, SearchModesOnNames) {
   EXPECT_EQ(DBclGoNextKey(h, key, &rec), DB_WARN_KEY_NOT_FOUND);
   EXPECT_EQ(std::string(key), Pad("TAYLOR", 10));
   EXPECT_EQ(DBclGoPreviousKey(h, key, &rec), 0);  // the flag is gone
-}
-
-TEST_F(NtxApiTest, DescendingModeTable) {
-  int32_t h = Names({"A", "B", "C", "D", "E"}, DB_CL_DESCENDING);
-  struct Case {
-    const char* key;
-    int mode;
-    int32_t rc;
-    const char* stops;
-  } cases[] = {
-      {"C", 1, 0, "C"},
-      {"CC", 1, DB_WARN_KEY_NOT_FOUND, "C"},
-      {"CC", 14, 0, "D"},
-      {"C", 15, 0, "D"},
-      {"C", 11, 0, "B"},
-      {"Z", 14, DB_WARN_KEY_NOT_FOUND, "E"},
-      {"0", 14, 0, "A"},
-      {"Z", 11, 0, "E"},
-      {"0", 11, DB_WARN_KEY_NOT_FOUND, "A"},
-      {"CC", 12, 0, "C"},
-  };
-  for (const Case& c : cases) {
-    char key[11];
-    std::strcpy(key, c.key);
-    int32_t rec = 0;
-    EXPECT_EQ(DBclKeySearch(h, key, &rec, c.mode), c.rc) << c.key << " mode " << c.mode;
-    EXPECT_EQ(std::string(key), Pad(c.stops, 10)) << c.key << " mode " << c.mode;
-  }
-  KeyList walk = Walk(h, 10);
-  ASSERT_EQ(walk.size(), 5u);
-  EXPECT_EQ(walk.front().first, Pad("E", 10));
 }
 
 TEST_F(NtxApiTest, InsertionEdgeCases) {
@@ -320,96 +229,78 @@ TEST_F(NtxApiTest, PercentPositions) {
   EXPECT_EQ(DBclGetKeyPercent(h, nullptr, "K", 0), DB_ERR_NULL);
 }
 
-TEST_F(NtxApiTest, NumericKeys) {
+TEST_F(NtxApiTest, KeyConversions) {
+  // Numeric keys: integer digits (rounded half down), or digits, point and
+  // decimals once switched on for the index; negatives in the complement form.
   int32_t h5 = CreateOpen("n5.ntx", 'N', 5, 0, "AGE");
-  char key[40];
-  auto num = [&](int32_t h, double v) {
-    EXPECT_GE(DBclNumericToKey(h, key, v), 0);
-    return std::string(key);
-  };
-  EXPECT_EQ(num(h5, 123), "00123");
-  EXPECT_EQ(num(h5, 123.5), "00123");
-  EXPECT_EQ(num(h5, 123.51), "00124");
-  EXPECT_EQ(num(h5, -123), ",,+*)");
-  double back = 0;
-  ASSERT_EQ(DBclKeyToNumeric(&back, ",,+*)"), 0);
-  EXPECT_EQ(back, -123);
-  ASSERT_EQ(DBclKeyToNumeric(&back, "00124"), 0);
-  EXPECT_EQ(back, 124);
   int32_t h3 = CreateOpen("n3.ntx", 'N', 3, 0, "AGE");
-  EXPECT_EQ(DBclNumericToKey(h3, key, 999.7), DB_WARN_ROUNDED);
-  EXPECT_STREQ(key, "000");
   int32_t h6 = CreateOpen("n6.ntx", 'N', 6, 2, "PRICE");
-  EXPECT_EQ(num(h6, 12.9999), "000013");
-  EXPECT_EQ(num(h6, 12.5), "000012");
-  // The digits-point-decimals form, switched on for one open index.
   int32_t h8 = CreateOpen("n8.ntx", 'N', 8, 2, "PRICE");
   int32_t previous = -1;
   ASSERT_EQ(DBclSetNumericKeyForm(h8, DB_CL_NUMERIC_WITH_DECIMALS, &previous), 0);
   EXPECT_EQ(previous, DB_CL_NUMERIC_INTEGER_DIGITS);
-  EXPECT_EQ(num(h8, 12.5), "00012.50");
-  EXPECT_EQ(num(h8, -123), ",,+*).,,");
-  EXPECT_EQ(num(h8, 0.125), "00000.13");
-  ASSERT_EQ(DBclKeyToNumeric(&back, ",,+*).,,"), 0);
-  EXPECT_EQ(back, -123);
-  ASSERT_EQ(DBclKeyToNumeric(&back, "00012.50"), 0);
-  EXPECT_EQ(back, 12.5);
   EXPECT_EQ(DBclSetNumericKeyForm(h8, 7, nullptr), DB_ERR_INVALID_COMMAND);
-  // Byte order follows value order for non-negative values and among
-  // negative ones.
-  std::string a = num(h8, -50), b = num(h8, -5), c = num(h8, 0), d = num(h8, 7.25);
-  EXPECT_LT(a, b);
-  EXPECT_LT(b, c);
-  EXPECT_LT(c, d);
-}
-
-TEST_F(NtxApiTest, BinaryAndDateKeys) {
+  struct Numeric {
+    int32_t h;
+    double value;
+    const char* key;
+    int32_t rc;
+  } numbers[] = {{h5, 123, "00123", 0},      {h5, 123.5, "00123", 0},     {h5, 123.51, "00124", 0},
+                 {h5, -123, ",,+*)", 0},     {h3, 999.7, "000", DB_WARN_ROUNDED},
+                 {h6, 12.9999, "000013", 0}, {h6, 12.5, "000012", 0},     {h8, 12.5, "00012.50", 0},
+                 {h8, -123, ",,+*).,,", 0},  {h8, 0.125, "00000.13", 0}};
+  for (const Numeric& n : numbers) {
+    char key[40];
+    EXPECT_EQ(DBclNumericToKey(n.h, key, n.value), n.rc) << n.value;
+    EXPECT_STREQ(key, n.key) << n.value;
+    double back = 0;
+    if (n.rc == 0 && n.value == static_cast<int>(n.value) && n.h != h3) {
+      ASSERT_EQ(DBclKeyToNumeric(&back, key), 0);
+      EXPECT_EQ(back, n.value);
+    }
+  }
+  // Byte order follows value order among non-negative and among negative values.
+  std::string last;
+  for (double v : {-50.0, -5.0, 0.0, 7.25}) {
+    char key[40];
+    ASSERT_EQ(DBclNumericToKey(h8, key, v), 0);
+    EXPECT_LT(last, key) << v;
+    last = key;
+  }
+  // Binary keys: byte order is value order, and every type converts back.
   char key[9];
-  ASSERT_EQ(DBclLongToKey(key, -1), 0);
-  EXPECT_EQ(std::string(key, 4), std::string(4, '\0'));
   ASSERT_EQ(DBclLongToKey(key, 0), 0);
   EXPECT_EQ(std::string(key, 4), std::string("\x80\0\0\0", 4));
-  int32_t l = 0;
-  ASSERT_EQ(DBclLongToKey(key, -123456), 0);
-  ASSERT_EQ(DBclKeyToLong(&l, key), 0);
-  EXPECT_EQ(l, -123456);
+  ASSERT_EQ(DBclUnsignedShortToKey(key, 0x1234), 0);
+  EXPECT_EQ(static_cast<uint8_t>(key[0]), 0x12);
   std::string prev;
   for (double v : {-1e9, -2.5, -0.0, 0.0, 1e-9, 3.25, 1e300}) {
     ASSERT_EQ(DBclDoubleToKey(key, v), 0);
-    std::string now(key, 8);
-    if (!prev.empty()) {
-      EXPECT_LE(prev, now) << v;
-    }
-    prev = now;
+    EXPECT_LE(prev, std::string(key, 8)) << v;
+    prev = std::string(key, 8);
     double back = 0;
     ASSERT_EQ(DBclKeyToDouble(&back, key), 0);
     EXPECT_EQ(back, v);
   }
+  int32_t l = 0;
   float f = 0;
-  ASSERT_EQ(DBclFloatToKey(key, -7.5f), 0);
-  ASSERT_EQ(DBclKeyToFloat(&f, key), 0);
-  EXPECT_EQ(f, -7.5f);
   uint16_t us = 0;
-  ASSERT_EQ(DBclUnsignedShortToKey(key, 0x1234), 0);
-  EXPECT_EQ(static_cast<uint8_t>(key[0]), 0x12);
-  ASSERT_EQ(DBclKeyToUnsignedShort(&us, key), 0);
-  EXPECT_EQ(us, 0x1234);
   int16_t s = 0;
-  ASSERT_EQ(DBclShortToKey(key, -300), 0);
-  ASSERT_EQ(DBclKeyToShort(&s, key), 0);
-  EXPECT_EQ(s, -300);
   uint32_t ul = 0;
-  ASSERT_EQ(DBclUnsignedLongToKey(key, 0xDEADBEEF), 0);
-  ASSERT_EQ(DBclKeyToUnsignedLong(&ul, key), 0);
-  EXPECT_EQ(ul, 0xDEADBEEFu);
-
+  EXPECT_TRUE(DBclLongToKey(key, -123456) == 0 && DBclKeyToLong(&l, key) == 0 && l == -123456);
+  EXPECT_TRUE(DBclFloatToKey(key, -7.5f) == 0 && DBclKeyToFloat(&f, key) == 0 && f == -7.5f);
+  EXPECT_TRUE(DBclKeyToUnsignedShort(&us, "\x12\x34") == 0 && us == 0x1234);
+  EXPECT_TRUE(DBclShortToKey(key, -300) == 0 && DBclKeyToShort(&s, key) == 0 && s == -300);
+  EXPECT_TRUE(DBclUnsignedLongToKey(key, 0xDEADBEEF) == 0 && DBclKeyToUnsignedLong(&ul, key) == 0 &&
+              ul == 0xDEADBEEFu);
+  // Date keys are yyyymmdd; a blank date is blanks both ways.
   char date[16];
   ASSERT_EQ(DBclDateToKey(date, "01/15/2024", 3), 0);
   EXPECT_STREQ(date, "20240115");
-  ASSERT_EQ(DBclDateToKey(date, "", 3), 0);
-  EXPECT_STREQ(date, "        ");
   ASSERT_EQ(DBclKeyToDate(date, 7, "20240115"), 0);
   EXPECT_STREQ(date, "15.01.2024");
+  ASSERT_EQ(DBclDateToKey(date, "", 3), 0);
+  EXPECT_STREQ(date, "        ");
   ASSERT_EQ(DBclKeyToDate(date, 7, "        "), 0);
   EXPECT_STREQ(date, "        ");
 }
@@ -566,14 +457,8 @@ TEST_F(NtxApiTest, LockHeldByAnotherProcess) {
   ASSERT_EQ(DBclCloseIndex(h), 0);
 }
 
-}  // namespace
-}  // namespace kestrel::test
-
-namespace kestrel::test {
-namespace {
-
-// A whole life of an index, and every allocation that fails along the way,
-// gives back all the memory it took.
+// A whole life of an index, and every allocation that fails along the way
+// (from the open on), gives back all the memory it took.
 TEST_F(NtxApiTest, NothingLeaksWhenAllocationsFail) {
   std::string path = dir_.File("leak.ntx");
   char expr[] = "NAME";
@@ -581,8 +466,10 @@ TEST_F(NtxApiTest, NothingLeaksWhenAllocationsFail) {
   long live = testing::LiveAllocations();
   for (int n = 0; n <= 60; n += (n < 20 ? 1 : 7)) {
     if (n > 0) testing::FailAllocation(n);
-    int32_t h = -1;
-    if (DBclOpenIndex(&h, path.c_str(), 0) == 0) {
+    int32_t h = 99;
+    int32_t rc = DBclOpenIndex(&h, path.c_str(), 0);
+    EXPECT_TRUE(rc == 0 || (rc == DB_ERR_MEMORY && h == -1)) << n << ": " << rc;
+    if (rc == 0) {
       int32_t count = 40;
       DBclGetSetCacheSize(h, &count, 0);
       for (int i = 0; i < 300; ++i) DBclAddKey(h, std::to_string(i * 31 % 300).c_str(), i + 1);

@@ -46,39 +46,20 @@ class NtxTest : public ::testing::Test {
     return out;
   }
 
-  // Every key in reverse order, read with last / previous.
-  static KeyList WalkBack(int32_t h, int key_length) {
-    KeyList out;
-    std::string key(key_length + 1, '\0');
-    int32_t rec = 0;
-    int32_t rc = DBclGoLastKey(h, key.data(), &rec);
-    while (rc == 0) {
-      out.emplace_back(std::string(key.data(), key_length), static_cast<uint32_t>(rec));
-      rc = DBclGoPreviousKey(h, key.data(), &rec);
-    }
-    EXPECT_TRUE(rc == DB_WARN_NO_MORE_KEYS || rc == DB_WARN_FILE_EMPTY) << rc;
-    return out;
-  }
-
-  // Findings of the checker on an open index, as text (empty when sound).
+  // Findings of the checker on an open index (Findings) or a file
+  // (FileFindings), one per line; empty when the index is sound.
   static std::string Findings(int32_t h, ntx::CheckSummary* summary = nullptr) {
     Vec<ntx::CheckFinding> findings;
     ntx::CheckSummary s{};
-    int32_t rc = ntx::CheckIndexHandle(h, &findings, &s);
-    if (summary) *summary = s;
-    std::string text;
-    if (rc < 0) text += "check failed " + std::to_string(rc) + "\n";
-    for (const auto& f : findings) text += std::to_string(f.page) + ": " + f.text + "\n";
-    return text;
+    return Text(ntx::CheckIndexHandle(h, &findings, summary ? summary : &s), findings);
   }
-
   static std::string FileFindings(const std::string& path, ntx::CheckSummary* summary = nullptr) {
     Vec<ntx::CheckFinding> findings;
     ntx::CheckSummary s{};
-    int32_t rc = ntx::CheckIndexFile(path.c_str(), &findings, &s);
-    if (summary) *summary = s;
-    std::string text;
-    if (rc < 0) text += "check failed " + std::to_string(rc) + "\n";
+    return Text(ntx::CheckIndexFile(path.c_str(), &findings, summary ? summary : &s), findings);
+  }
+  static std::string Text(int32_t rc, const Vec<ntx::CheckFinding>& findings) {
+    std::string text = rc < 0 ? "check failed " + std::to_string(rc) + "\n" : "";
     for (const auto& f : findings) text += std::to_string(f.page) + ": " + f.text + "\n";
     return text;
   }

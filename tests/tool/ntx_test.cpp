@@ -2,6 +2,8 @@
 // fixture table, and the checker's exit status on a damaged file.
 #include <gtest/gtest.h>
 
+#include <cstring>
+
 #include "support/library.h"
 #include "util/coding.h"
 
@@ -73,6 +75,30 @@ TEST_F(NtxToolTest, CheckFailsOnADamagedFile) {
   }
   r = RunTool({"check", dir_.File("missing.ntx")});
   EXPECT_EQ(r.exit_code, 1);
+  // Sound files of other writers pass with notes; other formats are named.
+  r = Tool({"check", CopyFixture("index/CUSTNAME.NTX", dir_)});
+  EXPECT_EQ(r.exit_code, 0) << r.out << r.err;
+  EXPECT_NE(r.out.find("page 0: note: FOR condition: !Deleted()"), std::string::npos) << r.out;
+  r = Tool({"check", CopyFixture("index/employees.CDX", dir_)});
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_NE(r.err.find("a CDX file; not supported yet"), std::string::npos) << r.err;
+}
+
+// An expression the evaluator cannot evaluate is reported as such, not as
+// keys that differ from their records.
+TEST_F(NtxToolTest, KeysThatCannotBeMadeAreNotCalledDifferent) {
+  std::string index = dir_.File("name.ntx");
+  ASSERT_EQ(Tool({"index", "build", table_, index, "NAME", "--length", "20"}).exit_code, 0);
+  std::vector<uint8_t> bytes = ReadFileBytes(index);
+  std::memcpy(&bytes[22], "NOSUCH(NAME)", 13);  // the key expression
+  WriteFileBytes(index, bytes);
+  ProcessResult r = Tool({"index", "keys", index, "--table", table_});
+  EXPECT_EQ(r.exit_code, 1);
+  auto lines = Lines(r.out);
+  ASSERT_EQ(lines.size(), 300u);
+  EXPECT_NE(lines[0].find("\t(cannot make the record's key: "), std::string::npos) << lines[0];
+  EXPECT_NE(r.err.find("the keys of 300 record(s) could not be made"), std::string::npos) << r.err;
+  EXPECT_EQ(r.err.find("differ"), std::string::npos) << r.err;
 }
 
 }  // namespace

@@ -2,7 +2,8 @@
 // table, showing progress on a terminal for long builds.
 // kestrel index keys INDEX [--table TABLE]: the keys in index order with
 // their record numbers; with the table, keys that no longer match their
-// record's key are marked.
+// record's key are marked, and keys whose record's key cannot be made here
+// (an expression the evaluator cannot evaluate) are marked as such, apart.
 #include <unistd.h>
 
 #include <cstdio>
@@ -131,6 +132,39 @@ std::string Printable(const char* key, int length) {
   return "0x" + hex;
 }
 
+// How a key compares with the key its record makes now.
+struct KeyCheck {
+  uint64_t differ = 0;      // keys unlike their record's key, or of no record
+  uint64_t unmade = 0;      // keys whose record's key could not be made
+  int32_t first_error = 0;  // the status of the first that could not be made
+};
+
+// The verdict on one key, as the text appended to its line ("" when same).
+std::string CompareWithRecord(OpenTable& table, int32_t index, int32_t rec, const char* key,
+                              int key_length, KeyCheck* check) {
+  if (rec < 1 || rec > table.record_count()) {
+    ++check->differ;
+    return "\t(record not in the table)";
+  }
+  char* made = nullptr;
+  int32_t rc = DBGetRecord(table.handle(), rec);
+  if (rc >= 0) rc = DBclMakeKey(table.handle(), index, &made);
+  if (rc < 0) {
+    // Not a fault of the data: the record's key cannot be made here (an
+    // expression the evaluator does not know, a record that cannot be read).
+    if (made) DBFreeMemory(made);
+    if (check->unmade++ == 0) check->first_error = rc;
+    DBSetErrorCode(rc);
+    return std::string("\t(cannot make the record's key: ") + DBGetErrorStr() + " (" +
+           std::to_string(rc) + "))";
+  }
+  bool same = std::string(made, key_length) == std::string(key, key_length);
+  DBFreeMemory(made);
+  if (same) return "";
+  ++check->differ;
+  return "\t(record's key differs)";
+}
+
 void RunKeys(const KeysOptions& o) {
   DBSetDefaultDateStyle(15);
   int32_t h = -1;
@@ -142,31 +176,25 @@ void RunKeys(const KeysOptions& o) {
   if (!o.table.empty()) table = std::make_unique<OpenTable>(o.table, o.dialect.value);
   std::string key(info.key_length + 1, '\0');
   int32_t rec = 0;
-  uint64_t mismatches = 0;
+  KeyCheck check;
   rc = DBclGoFirstKey(h, key.data(), &rec);
   while (rc == 0) {
     std::cout << rec << '\t' << Printable(key.data(), info.key_length);
-    if (table) {
-      char* made = nullptr;
-      bool same = rec >= 1 && rec <= table->record_count() &&
-                  DBGetRecord(table->handle(), rec) >= 0 &&
-                  DBclMakeKey(table->handle(), h, &made) >= 0 &&
-                  std::string(made, info.key_length) == std::string(key.data(), info.key_length);
-      if (made) DBFreeMemory(made);
-      if (!same) {
-        std::cout << "\t(record's key differs)";
-        ++mismatches;
-      }
-    }
+    if (table) std::cout << CompareWithRecord(*table, h, rec, key.data(), info.key_length, &check);
     std::cout << '\n';
     rc = DBclGoNextKey(h, key.data(), &rec);
   }
   DBclCloseIndex(h);
   if (rc < 0) FailWithStatus("cannot read " + o.index, rc);
-  if (mismatches) {
-    std::cerr << "kestrel: " << mismatches << " key(s) differ from their records\n";
-    throw CLI::RuntimeError(1);
+  if (check.unmade) {
+    DBSetErrorCode(check.first_error);
+    std::cerr << "kestrel: the keys of " << check.unmade << " record(s) could not be made: "
+              << DBGetErrorStr() << " (" << check.first_error << ")\n";
   }
+  if (check.differ) {
+    std::cerr << "kestrel: " << check.differ << " key(s) differ from their records\n";
+  }
+  if (check.unmade || check.differ) throw CLI::RuntimeError(1);
 }
 
 CommandRegistration reg{

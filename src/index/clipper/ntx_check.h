@@ -6,36 +6,31 @@
 // half a page; item offset tables naming distinct, non-overlapping items inside
 // the page; every leaf at the same depth; keys in order (strictly for a unique
 // index) over the whole walk; the free list free of loops and apart from the
-// tree; no page left unreachable.
+// tree; no page left unreachable.  Headers that some writers of the format
+// extend (a FOR condition from offset 282, a tag name from offset 538) are
+// noted, not faulted.
 //
-// The checker reads the file itself, through the file services, so it sees
-// what another program would see: flush an open index first.
+// The framework (index/common/checker.h) does the findings, page marks, free
+// list and key order; this file supplies the page reader and the page rules.
 #pragma once
 
 #include <cstdint>
 
+#include "index/common/checker.h"
 #include "runtime/memory.h"
 
 namespace kestrel::ntx {
 
-struct CheckFinding {
-  uint32_t page;   // page offset the finding is about (0: the header)
-  int32_t code;    // the status an engine would report (-206, -225, ...)
-  char text[160];  // what is wrong, in words
-};
+using CheckFinding = index::CheckFinding;
+using CheckSummary = index::CheckSummary;
 
-struct CheckSummary {
-  uint64_t keys;        // keys in the tree
-  uint32_t depth;       // levels from the root to the leaves
-  uint32_t tree_pages;  // pages in the tree
-  uint32_t free_pages;  // pages on the free list
-  uint16_t key_length;
-  bool unique;
-  bool descending;
-};
+// Checks an open file of `length` bytes (the framework's FileChecker).
+int32_t CheckOpenFile(FileHandle file, uint64_t length, Vec<CheckFinding>* findings,
+                      CheckSummary* summary);
 
-// Checks the file.  Returns 0 when it could be read at all (the findings tell
-// whether it is sound), or the open / read error.
+// Checks the file as an .NTX file, whatever its header says.  Returns 0 when
+// it could be read at all (the findings tell whether it is sound), or the
+// open / read error.
 int32_t CheckIndexFile(const char* path, Vec<CheckFinding>* findings, CheckSummary* summary);
 
 // Checks the file of an open index handle, after flushing its changed pages
