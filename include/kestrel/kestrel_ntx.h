@@ -63,9 +63,29 @@ KESTREL_API int32_t DBclGetSetCacheSize(int32_t handle, int32_t* count, int32_t 
 KESTREL_API int32_t DBclZapIndex(int32_t handle);
 /* Creates the index file and fills it with the key of every record of the
  * table (deleted ones too).  keyType as for DBclCreateIndex, plus
- * DB_CL_BUILD_WITH_DECIMALS. */
+ * DB_CL_BUILD_WITH_DECIMALS.  The index is written to a work file beside
+ * filename ("<filename>.<process id>_<n>.TMP", and temporary sort files
+ * "STKS<process id>_<n>.TMP" for large tables) that replaces an existing
+ * file of that name only when the new index is complete: a build that fails
+ * leaves the existing file as it was and removes its work files. */
 KESTREL_API int32_t DBclBuildIndex(int32_t table, const char* filename, int32_t keyType,
                                    char* keyExpression, int32_t keyLength, int32_t decimals);
+/* Phases reported to a DBCLBUILDPROGRESS callback. */
+#define DB_CL_BUILD_READING 1 /* done keys made, of total records */
+#define DB_CL_BUILD_MERGING 2 /* done keys merged from the sort files, of total */
+#define DB_CL_BUILD_WRITING 3 /* done keys written into pages, of total keys */
+/* Called now and then during a build (at least every 65,536 records or 256
+ * pages): returns 0 to go on, or a negative status to stop the build, which
+ * then returns that status as a failed build does. */
+typedef int32_t (*DBCLBUILDPROGRESS)(void* context, int32_t phase, uint64_t done,
+                                     uint64_t total);
+/* DBclBuildIndex reporting its progress to progress (may be NULL) with
+ * context.  A caller that wants to stop a build on a signal sets a flag in
+ * its handler and returns a negative status from the callback. */
+KESTREL_API int32_t DBclBuildIndexWithProgress(int32_t table, const char* filename,
+                                               int32_t keyType, char* keyExpression,
+                                               int32_t keyLength, int32_t decimals,
+                                               DBCLBUILDPROGRESS progress, void* context);
 
 /* ---- Search and navigation -------------------------------------------
  * key: key length + 1 bytes (DBCLINDEXINFO.key_length); a key found is

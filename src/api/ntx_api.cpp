@@ -118,6 +118,18 @@ KESTREL_API int32_t DBclBuildIndex(int32_t table, const char* filename, int32_t 
   });
 }
 
+KESTREL_API int32_t DBclBuildIndexWithProgress(int32_t table, const char* filename,
+                                               int32_t keyType, char* keyExpression,
+                                               int32_t keyLength, int32_t decimals,
+                                               DBCLBUILDPROGRESS progress, void* context) {
+  return Guarded([&]() -> int32_t {
+    SetErrorCode(0);
+    kestrel::index::BuildProgress report{progress, context};
+    return BuildIndex(table, filename, keyType, keyExpression, keyLength, decimals,
+                      progress ? &report : nullptr);
+  });
+}
+
 KESTREL_API int32_t DBclKeySearch(int32_t handle, char* key, int32_t* record, int32_t mode) {
   return OnIndex(handle, kSearch, [&](NtxIndex* ix) { return KeySearch(ix, key, record, mode); });
 }

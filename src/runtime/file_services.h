@@ -83,6 +83,23 @@ int32_t FileAtEnd(FileHandle handle, int32_t* at_end);
 // derived from the current library code: 2 gives -205, 13 gives -240, any
 // other code c gives c | 0xC000.
 int32_t FileRename(const char* new_name, const char* old_name);
+// Moves old_name over new_name in one step (note the order): new_name is
+// either the old file or the whole new one, never missing or half there.
+// Both names must be in one file system, so a work file goes beside its
+// target.  A target someone holds open exclusively is refused (-246), as
+// FileCreate refuses it; the target's permission bits carry over.  The
+// folder is flushed afterwards where the system allows, so the new name
+// survives a crash; making old_name's data durable first is the caller's
+// part.  -221 null, -246 refused (logged under FILEW32).
+int32_t FileReplace(const char* new_name, const char* old_name);
+// Creates a file that did not exist, for reading and writing, named
+// prefix + "<process id>_<n>" + suffix with the first n from *sequence up
+// whose name is free.  The create is exclusive, so two processes (or two
+// builds of one process) never share a file; *sequence is left past the n
+// used.  name (capacity bytes) receives the name.  -221 null, -214 the
+// name does not fit, -246 refused (logged under INITW32).
+int32_t FileCreateUnique(FileHandle* handle, const char* prefix, const char* suffix,
+                         uint32_t* sequence, char* name, size_t capacity);
 // Locks (unlock == 0) or unlocks a byte range, retrying at once up to the
 // retry count; records held regions in the lock buffer.  -260 when locking
 // with a full lock buffer, -280 seek refused, -279 every attempt failed.

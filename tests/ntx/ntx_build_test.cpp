@@ -1,6 +1,11 @@
 // Index builds from real tables: order, fill, unique and descending builds,
-// builds through temporary sort files, numeric keys in both forms, and keys
-// made for single records agreeing with the build.
+// builds through temporary sort files, numeric keys in both forms, keys made
+// for single records agreeing with the build, the shared sorter against a
+// model, failed and stopped builds keeping the old index, and two builds in
+// one folder at once.
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -11,6 +16,7 @@
 #include <string>
 
 #include "index/clipper/ntx_index.h"
+#include "index/common/sorter.h"
 #include "ntx_test_util.h"
 #include "runtime/library_state.h"
 
@@ -50,7 +56,7 @@ class NtxBuildTest : public NtxTest {
   }
   void TearDown() override {
     State().ntx_sort_budget = 0;
-    DBCloseFile(table_);
+    if (table_ >= 0) DBCloseFile(table_);
     NtxTest::TearDown();
   }
 
@@ -64,6 +70,16 @@ class NtxBuildTest : public NtxTest {
     int32_t h = -1;
     EXPECT_EQ(DBclOpenIndex(&h, path.c_str(), 0), 0);
     return h;
+  }
+
+  // The names in the test folder.
+  std::vector<std::string> Listing() const {
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(dir_.path())) {
+      names.push_back(entry.path().filename().string());
+    }
+    std::sort(names.begin(), names.end());
+    return names;
   }
 
   static constexpr int kRecords = 3000;
@@ -123,15 +139,214 @@ TEST_F(NtxBuildTest, TemporarySortFilesGiveTheSameIndex) {
   std::string memory = dir_.File("m.ntx");
   ASSERT_EQ(DBclBuildIndex(table_, memory.c_str(), 'C', expr.data(), 12, 0), 0);
   State().ntx_sort_budget = 16 * 100;  // runs of 100 keys: 30 sort files
+  // Files that happen to have the names this process would try first (left
+  // by an earlier process with the same id) are passed over, not reused.
+  std::string pid = std::to_string(getpid());
+  const std::vector<std::string> strays = {"STKS" + pid + "_0.TMP", "s.ntx." + pid + "_0.TMP"};
+  for (const std::string& name : strays) WriteFileBytes(dir_.File(name), {'k', 'e', 'e', 'p'});
   std::string spilled = dir_.File("s.ntx");
   ASSERT_EQ(DBclBuildIndex(table_, spilled.c_str(), 'C', expr.data(), 12, 0), 0);
   EXPECT_TRUE(ReadFileBytes(memory) == ReadFileBytes(spilled));
+  for (const std::string& name : strays) {
+    EXPECT_TRUE(ReadFileBytes(dir_.File(name)) == (std::vector<uint8_t>{'k', 'e', 'e', 'p'}));
+    std::filesystem::remove(dir_.File(name));
+  }
   std::string unique = dir_.File("su.ntx");
   ASSERT_EQ(DBclBuildIndex(table_, unique.c_str(), 'C' | DB_CL_UNIQUE, expr.data(), 12, 0), 0);
   EXPECT_EQ(FileFindings(unique), "");
-  for (const auto& entry : std::filesystem::directory_iterator(dir_.path())) {
-    EXPECT_EQ(entry.path().filename().string().find("STKS"), std::string::npos);
+  EXPECT_EQ(Listing(), (std::vector<std::string>{"m.ntx", "people.dbf", "s.ntx", "su.ntx"}));
+}
+
+// A build that fails or is stopped, at any phase, in memory or through sort
+// files, leaves the index it was rebuilding byte for byte and nothing else
+// behind.
+TEST_F(NtxBuildTest, FailedOrStoppedBuildKeepsTheOldIndex) {
+  std::string path = dir_.File("name.ntx");
+  std::string expr = "NAME";
+  ASSERT_EQ(DBclBuildIndex(table_, path.c_str(), 'C', expr.data(), 12, 0), 0);
+  const std::vector<uint8_t> old = ReadFileBytes(path);
+  const std::vector<std::string> listing = Listing();
+  struct Stop {
+    int32_t phase;
+    uint64_t after;  // stop at the first report at or past this
+  };
+  struct Case {
+    const char* what;
+    const char* expression;
+    int32_t type, length;
+    uint64_t budget;
+    Stop stop;
+    int32_t expected;
+  } cases[] = {
+      {"key too long for the index", "NAME", 'C', 8, 0, {0, 0}, DB_ERR_KEY_LENGTH},
+      {"expression that is no key", "NAME+AMOUNT", 'C', 12, 0, {0, 0}, 0},
+      {"stopped while reading", "NAME", 'C', 12, 16 * 100, {DB_CL_BUILD_READING, 0}, -212},
+      {"stopped while merging", "NAME", 'C' | DB_CL_UNIQUE, 12, 16 * 100,
+       {DB_CL_BUILD_MERGING, 0}, -212},
+      {"stopped while writing", "AMOUNT", 'N', 10, 0, {DB_CL_BUILD_WRITING, 1000}, -212},
+      {"stopped writing from sort files", "NAME", 'C', 12, 16 * 100,
+       {DB_CL_BUILD_WRITING, 1000}, -212},
+  };
+  for (const Case& c : cases) {
+    State().ntx_sort_budget = c.budget;
+    std::string e = c.expression;
+    auto stop = [](void* context, int32_t phase, uint64_t done, uint64_t) -> int32_t {
+      const Stop* s = static_cast<const Stop*>(context);
+      return phase == s->phase && done >= s->after ? -212 : 0;
+    };
+    Stop at = c.stop;
+    int32_t rc = DBclBuildIndexWithProgress(table_, path.c_str(), c.type, e.data(), c.length, 0,
+                                            stop, &at);
+    if (c.expected != 0) {
+      EXPECT_EQ(rc, c.expected) << c.what;
+    } else {
+      EXPECT_LT(rc, 0) << c.what;
+    }
+    EXPECT_TRUE(ReadFileBytes(path) == old) << c.what;
+    EXPECT_EQ(Listing(), listing) << c.what;
   }
+  // A build that completes replaces the old index.
+  State().ntx_sort_budget = 16 * 100;
+  ASSERT_EQ(DBclBuildIndex(table_, path.c_str(), 'C' | DB_CL_DESCENDING, expr.data(), 12, 0), 0);
+  EXPECT_FALSE(ReadFileBytes(path) == old);
+  EXPECT_EQ(FileFindings(path), "");
+  EXPECT_EQ(Listing(), listing);
+  // An index someone holds open exclusively is not replaced.
+  int32_t h = -1;
+  ASSERT_EQ(DBclOpenIndex(&h, path.c_str(), 0), 0);
+  const std::vector<uint8_t> held = ReadFileBytes(path);
+  EXPECT_EQ(DBclBuildIndex(table_, path.c_str(), 'C', expr.data(), 12, 0), DB_ERR_OPEN);
+  EXPECT_EQ(DBclCloseIndex(h), 0);
+  EXPECT_TRUE(ReadFileBytes(path) == held);
+  EXPECT_EQ(Listing(), listing);
+}
+
+// Two processes building in one folder at once, both through sort files: each
+// waits, once all but its last run are on disk, until the other has written
+// its runs too, so that sort files sharing a name would be overwritten.  Both
+// indexes must come out as a build alone makes them.
+TEST_F(NtxBuildTest, TwoBuildsInOneFolderAtOnce) {
+  struct Build {
+    const char* name;
+    int32_t type;
+    std::vector<uint8_t> alone;
+  } builds[2] = {{"a.ntx", 'C', {}}, {"b.ntx", 'C' | DB_CL_DESCENDING, {}}};
+  for (Build& b : builds) {
+    std::string expr = "NAME";
+    std::string path = dir_.File(std::string("alone-") + b.name);
+    ASSERT_EQ(DBclBuildIndex(table_, path.c_str(), b.type, expr.data(), 12, 0), 0);
+    b.alone = ReadFileBytes(path);
+  }
+  ASSERT_EQ(DBCloseFile(table_), 0);
+  table_ = -1;
+  int to_b[2], to_a[2];
+  ASSERT_EQ(pipe(to_b), 0);
+  ASSERT_EQ(pipe(to_a), 0);
+  struct Barrier {
+    int send, receive;
+  };
+  pid_t children[2];
+  for (int i = 0; i < 2; ++i) {
+    children[i] = fork();
+    ASSERT_GE(children[i], 0);
+    if (children[i] != 0) continue;
+    // The child: its own table handle, small runs, and the meeting point at
+    // the end of the reading phase.
+    Barrier barrier = i == 0 ? Barrier{to_b[1], to_a[0]} : Barrier{to_a[1], to_b[0]};
+    int32_t t = -1;
+    if (DBOpenFile(&t, table_path_.c_str(), DB_DIALECT_CLIPPER | DB_OPEN_READONLY | DB_OPEN_SHARED) != 0) {
+      _exit(2);
+    }
+    State().ntx_sort_budget = 16 * 100;
+    auto meet = [](void* context, int32_t phase, uint64_t done, uint64_t total) -> int32_t {
+      auto* b = static_cast<Barrier*>(context);
+      if (phase == DB_CL_BUILD_READING && done == total) {
+        char c = 1;
+        if (write(b->send, &c, 1) != 1 || read(b->receive, &c, 1) != 1) return -212;
+      }
+      return 0;
+    };
+    std::string expr = "NAME";
+    std::string path = dir_.File(builds[i].name);
+    int32_t rc = DBclBuildIndexWithProgress(t, path.c_str(), builds[i].type, expr.data(), 12, 0,
+                                            meet, &barrier);
+    _exit(rc == 0 ? 0 : 1);
+  }
+  for (pid_t child : children) {
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  }
+  for (int fd : {to_a[0], to_a[1], to_b[0], to_b[1]}) close(fd);
+  for (const Build& b : builds) {
+    EXPECT_TRUE(ReadFileBytes(dir_.File(b.name)) == b.alone) << b.name;
+  }
+  EXPECT_EQ(Listing(), (std::vector<std::string>{"a.ntx", "alone-a.ntx", "alone-b.ntx", "b.ntx",
+                                                 "people.dbf"}));
+}
+
+// The shared sorter on its own, against a stable sort of the same entries:
+// short and long keys (the bucket sort covers 16 bytes), few and many equal
+// keys, in memory and through sort files, every order.
+TEST(IndexSorter, SortsLikeAStableSort) {
+  ASSERT_EQ(DBInitialize(64, 0), 0);
+  TempDir dir;
+  std::string near = dir.File("x.idx");
+  class Keys : public index::KeySource {
+   public:
+    std::vector<std::string> keys;
+    uint32_t count() const override { return static_cast<uint32_t>(keys.size()); }
+    int32_t KeyOf(uint32_t record, uint8_t* key) override {
+      std::memcpy(key, keys[record - 1].data(), keys[record - 1].size());
+      return record == 3 ? 206 : 0;  // a warning passes through
+    }
+  };
+  std::mt19937 rng(5);
+  for (int length : {1, 7, 16, 17, 40, 256}) {
+    for (int alphabet : {2, 200}) {
+      Keys source;
+      for (int i = 0; i < 2500; ++i) {
+        std::string k(length, 'a');
+        for (char& c : k) c = static_cast<char>(rng() % alphabet);
+        source.keys.push_back(k);
+      }
+      for (uint64_t budget : {uint64_t{0}, static_cast<uint64_t>((length + 4) * 300)}) {
+        for (int flags = 0; flags < 4; ++flags) {
+          bool descending = flags & 1, unique = flags & 2;
+          std::vector<std::pair<std::string, uint32_t>> model;
+          for (uint32_t r = 1; r <= source.keys.size(); ++r) model.emplace_back(source.keys[r - 1], r);
+          std::stable_sort(model.begin(), model.end(), [&](const auto& a, const auto& b) {
+            return descending ? b.first < a.first : a.first < b.first;
+          });
+          if (unique) {
+            model.erase(std::unique(model.begin(), model.end(),
+                                    [](const auto& a, const auto& b) { return a.first == b.first; }),
+                        model.end());
+          }
+          index::Sorter sorter({length, descending, unique}, near.c_str(), budget,
+                               KS_ENGINE_MODULE("TEST"));
+          ASSERT_EQ(sorter.Sort(source, nullptr), 206);
+          EXPECT_EQ(sorter.spilled_runs() > 0, budget > 0);
+          ASSERT_EQ(sorter.count(), model.size());
+          for (int pass = 0; pass < 2; ++pass) {  // the stream can be read again
+            ASSERT_EQ(sorter.Rewind(), 0);
+            int32_t rc = 0;
+            size_t i = 0;
+            for (const uint8_t* e = sorter.Next(&rc); e; e = sorter.Next(&rc), ++i) {
+              ASSERT_LT(i, model.size());
+              ASSERT_EQ(std::string(reinterpret_cast<const char*>(e), length), model[i].first)
+                  << length << '/' << alphabet << '/' << flags << '/' << budget << ' ' << i;
+              ASSERT_EQ(sorter.RecordOf(e), model[i].second);
+            }
+            EXPECT_EQ(rc, 0);
+            EXPECT_EQ(i, model.size());
+          }
+        }
+      }
+    }
+  }
+  EXPECT_TRUE(std::filesystem::is_empty(dir.path()));
+  DBTerminate();
 }
 
 TEST_F(NtxBuildTest, NumericKeysInBothForms) {

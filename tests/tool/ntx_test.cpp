@@ -1,6 +1,17 @@
 // The kestrel tool's index commands: build, list keys and check, on the
 // fixture table, and the checker's exit status on a damaged file.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <thread>
+#include <string>
+#include <vector>
 
 #include <cstring>
 
@@ -16,6 +27,14 @@ class NtxToolTest : public ::testing::Test {
     KESTREL_REQUIRE_TOOL();
     table_ = CopyFixture("ntx/staff.dbf", dir_);
     CopyFixture("ntx/staff.dbt", dir_);
+  }
+  std::vector<std::string> Listing() const {
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(dir_.path())) {
+      names.push_back(entry.path().filename().string());
+    }
+    std::sort(names.begin(), names.end());
+    return names;
   }
   std::string table_;
   TempDir dir_;
@@ -99,6 +118,84 @@ TEST_F(NtxToolTest, KeysThatCannotBeMadeAreNotCalledDifferent) {
   EXPECT_NE(lines[0].find("\t(cannot make the record's key: "), std::string::npos) << lines[0];
   EXPECT_NE(r.err.find("the keys of 300 record(s) could not be made"), std::string::npos) << r.err;
   EXPECT_EQ(r.err.find("differ"), std::string::npos) << r.err;
+}
+
+// A rebuild the tool cannot finish (a key longer than asked for, a table cut
+// short) leaves the index as it was and no work file.
+TEST_F(NtxToolTest, FailedRebuildKeepsTheOldIndex) {
+  std::string index = dir_.File("name.ntx");
+  ASSERT_EQ(RunTool({"index", "build", table_, index, "NAME", "--length", "20"}).exit_code, 0);
+  const std::vector<uint8_t> old = ReadFileBytes(index);
+  std::string cut = dir_.File("cut.dbf");
+  std::vector<uint8_t> table = ReadFileBytes(table_);
+  table.resize(table.size() - 68 * 50);  // fifty records short
+  WriteFileBytes(cut, table);
+  const std::vector<std::string> listing = Listing();
+  for (const auto& args : {std::vector<std::string>{"index", "build", table_, index, "NAME",
+                                                    "--length", "5"},
+                           std::vector<std::string>{"index", "build", cut, index, "NAME"}}) {
+    ProcessResult r = Tool(args);
+    EXPECT_EQ(r.exit_code, 1) << args[2] << r.out << r.err;
+    EXPECT_TRUE(ReadFileBytes(index) == old) << args[2];
+    EXPECT_EQ(Listing(), listing) << args[2];
+  }
+  EXPECT_EQ(RunTool({"check", index}).exit_code, 0);
+}
+
+// An interrupted rebuild (SIGINT while the tool writes its work file) stops,
+// removes its work files and leaves the old index byte for byte; the tool
+// dies of the signal.
+TEST_F(NtxToolTest, InterruptedRebuildKeepsTheOldIndex) {
+  ASSERT_EQ(DBInitialize(64, 0), 0);
+  DBFIELD field{};
+  std::strcpy(field.name, "NAME");
+  field.type = 'C';
+  field.length = 10;
+  std::string big = dir_.File("big.dbf");
+  std::string index = dir_.File("big.ntx");
+  int32_t t = -1;
+  ASSERT_EQ(DBCreateFile(big.c_str(), 1, &field, DB_DIALECT_CLIPPER), 0);
+  ASSERT_EQ(DBOpenFile(&t, big.c_str(), DB_DIALECT_CLIPPER), 0);
+  for (uint32_t r = 1; r <= 250000; ++r) {
+    char name[16];
+    std::snprintf(name, sizeof name, "N%09u", (r * 7919u) % 250000u);
+    ASSERT_EQ(DBPutStrField(t, 0, name), 0);
+    int32_t recno = 0;
+    ASSERT_EQ(DBPutRecord(t, &recno, DB_RECORD_APPEND), 0);
+  }
+  std::string expr = "NAME";
+  ASSERT_EQ(DBclBuildIndex(t, index.c_str(), 'C' | DB_CL_DESCENDING, expr.data(), 10, 0), 0);
+  ASSERT_EQ(DBCloseFile(t), 0);
+  DBTerminate();
+  const std::vector<uint8_t> old = ReadFileBytes(index);
+  const std::vector<std::string> listing = Listing();
+
+  pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    int null = open("/dev/null", O_WRONLY);
+    dup2(null, 1);
+    dup2(null, 2);
+    execl(ToolPath().c_str(), ToolPath().c_str(), "index", "build", big.c_str(), index.c_str(), "NAME",
+          static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  // Interrupt as soon as the work file is there.
+  bool seen = false;
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+  while (!seen && std::chrono::steady_clock::now() < deadline) {
+    for (const std::string& name : Listing()) {
+      if (name.size() > 4 && name.compare(name.size() - 4, 4, ".TMP") == 0) seen = true;
+    }
+    if (!seen) std::this_thread::sleep_for(std::chrono::microseconds(200));
+  }
+  kill(child, SIGINT);
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  ASSERT_TRUE(seen) << "no work file appeared";
+  EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGINT) << status;
+  EXPECT_TRUE(ReadFileBytes(index) == old);
+  EXPECT_EQ(Listing(), listing);
 }
 
 }  // namespace

@@ -1,18 +1,22 @@
 // kestrel index build TABLE INDEX EXPRESSION: builds an .NTX index from a
-// table, showing progress on a terminal for long builds.
+// table, showing progress on a terminal for long builds.  An interrupt
+// (SIGINT, SIGTERM, SIGHUP) stops the build at its next progress report: the
+// library removes its work files and the old index stays as it was; the
+// tool then dies of the same signal.
 // kestrel index keys INDEX [--table TABLE]: the keys in index order with
 // their record numbers; with the table, keys that no longer match their
 // record's key are marked, and keys whose record's key cannot be made here
 // (an expression the evaluator cannot evaluate) are marked as such, apart.
 #include <unistd.h>
 
+#include <csignal>
+#include <iterator>
 #include <cstdio>
 #include <iostream>
 #include <memory>
 #include <string>
 
 #include "command.h"
-#include "index/clipper/ntx_build.h"
 #include "key_names.h"
 #include "kestrel/kestrel.h"
 #include "table_text.h"
@@ -42,20 +46,51 @@ struct Progress {
   uint64_t last_percent = 101;
 };
 
-void ShowProgress(void* context, int phase, uint64_t done, uint64_t total) {
+// The signal that asked the build to stop (0: none).
+volatile sig_atomic_t stop_signal = 0;
+
+void OnStopSignal(int signal) { stop_signal = signal; }
+
+constexpr int kStopSignals[] = {SIGINT, SIGTERM, SIGHUP};
+
+// Catches the stop signals for the build's lifetime; the old handlers come
+// back afterwards.
+class StopSignals {
+ public:
+  StopSignals() {
+    struct sigaction sa {};
+    sa.sa_handler = &OnStopSignal;
+    sigemptyset(&sa.sa_mask);
+    for (size_t i = 0; i < std::size(kStopSignals); ++i) {
+      sigaction(kStopSignals[i], &sa, &saved_[i]);
+    }
+  }
+  ~StopSignals() {
+    for (size_t i = 0; i < std::size(kStopSignals); ++i) {
+      sigaction(kStopSignals[i], &saved_[i], nullptr);
+    }
+  }
+
+ private:
+  struct sigaction saved_[std::size(kStopSignals)] = {};
+};
+
+int32_t ShowProgress(void* context, int32_t phase, uint64_t done, uint64_t total) {
+  if (stop_signal != 0) return DB_ERR_INVALID_COMMAND;
   auto* p = static_cast<Progress*>(context);
-  if (!p->show || total == 0) return;
+  if (!p->show || total == 0) return 0;
   uint64_t percent = done * 100 / total;
-  if (phase == p->last_phase && percent == p->last_percent) return;
+  if (phase == p->last_phase && percent == p->last_percent) return 0;
   p->last_phase = phase;
   p->last_percent = percent;
-  const char* what = phase == ntx::kBuildReading   ? "reading keys"
-                     : phase == ntx::kBuildSorting ? "merging runs"
-                                                   : "writing pages";
+  const char* what = phase == DB_CL_BUILD_READING   ? "reading keys"
+                     : phase == DB_CL_BUILD_MERGING ? "merging runs"
+                                                    : "writing pages";
   std::fprintf(stderr, "\r%-14s %3llu%%  (%llu of %llu)", what,
                static_cast<unsigned long long>(percent), static_cast<unsigned long long>(done),
                static_cast<unsigned long long>(total));
   std::fflush(stderr);
+  return 0;
 }
 
 // A word of the expression that is not a field is read by the evaluator as
@@ -100,11 +135,23 @@ void RunBuild(const BuildOptions& o) {
   if (o.with_decimals) type |= DB_CL_BUILD_WITH_DECIMALS;
   Progress progress;
   progress.show = isatty(2) && table.record_count() >= kProgressThreshold;
-  ntx::BuildProgress report{&ShowProgress, &progress};
   std::string expr = o.expression;
-  int32_t rc = ntx::BuildIndex(table.handle(), o.index.c_str(), type, expr.data(), length,
-                               o.decimals, &report);
+  int32_t rc = 0;
+  {
+    StopSignals catching;
+    rc = DBclBuildIndexWithProgress(table.handle(), o.index.c_str(), type, expr.data(), length,
+                                    o.decimals, &ShowProgress, &progress);
+  }
   if (progress.show) std::fprintf(stderr, "\n");
+  if (rc < 0 && stop_signal != 0) {
+    // Stopped: the old index (if any) is untouched.  Die of the signal, as
+    // a program interrupted is expected to.
+    std::fprintf(stderr, "kestrel: build of %s interrupted; nothing was changed\n",
+                 o.index.c_str());
+    int signal = stop_signal;
+    std::signal(signal, SIG_DFL);
+    std::raise(signal);
+  }
   if (rc < 0) FailWithStatus("cannot build " + o.index, rc);
   std::cout << "built " << o.index << ": " << table.record_count() << " records, key " << expr
             << ", length " << length << "\n";

@@ -13,6 +13,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 
 #include "runtime/file_services.h"
 #include "runtime/status.h"
@@ -247,6 +248,63 @@ int32_t FileRename(const char* new_name, const char* old_name) {
   if (code == 2) return KS_FAIL(kFile, DB_ERR_NOT_FOUND);
   if (code == 13) return KS_FAIL(kFile, DB_ERR_ACCESS_DENIED);
   return KS_FAIL(kFile, code | 0xC000);
+}
+
+int32_t FileReplace(const char* new_name, const char* old_name) {
+  if (!new_name || !old_name) return KS_FAIL(kFile, DB_ERR_NULL);
+  // Hold the target with the shared lock a create would take, so a file
+  // someone has open exclusively is not swapped from under them.
+  int target = -1;
+  struct stat st;
+  if (::stat(new_name, &st) == 0) {
+    target = OpenWithShareLock(new_name, O_RDONLY, LOCK_SH);
+    if (target < 0) return KS_FAIL(kFile, DB_ERR_OPEN);
+    (void)::chmod(old_name, st.st_mode & 07777);
+  }
+  bool done = std::rename(old_name, new_name) == 0;
+  if (target >= 0) ::close(target);
+  if (!done) return KS_FAIL(kFile, DB_ERR_OPEN);
+  // The rename is durable once the folder holding the name is.
+  // (A name too long for the buffer skips this step.)
+  char folder[4096] = ".";
+  const char* slash = std::strrchr(new_name, '/');
+  size_t length = slash ? (slash == new_name ? 1 : static_cast<size_t>(slash - new_name)) : 1;
+  if (slash && length < sizeof folder) {
+    std::memcpy(folder, new_name, length);
+    folder[length] = '\0';
+  }
+  int dir = length < sizeof folder ? ::open(folder, O_RDONLY | O_DIRECTORY | O_CLOEXEC) : -1;
+  if (dir >= 0) {
+    (void)::fsync(dir);
+    ::close(dir);
+  }
+  return Ok();
+}
+
+int32_t FileCreateUnique(FileHandle* handle, const char* prefix, const char* suffix,
+                         uint32_t* sequence, char* name, size_t capacity) {
+  if (!handle || !prefix || !suffix || !sequence || !name) return FailQuiet(DB_ERR_NULL);
+  *handle = kNoFile;
+  const long pid = static_cast<long>(::getpid());
+  // Names that exist are skipped; a bound keeps a folder that refuses every
+  // name (or is full of them) from turning into an endless loop.
+  for (int attempt = 0; attempt < 100000; ++attempt) {
+    uint32_t n = (*sequence)++;
+    int length = std::snprintf(name, capacity, "%s%ld_%u%s", prefix, pid, n, suffix);
+    if (length < 0 || static_cast<size_t>(length) >= capacity) {
+      return KS_FAIL(kInit, DB_ERR_INVALID_FILENAME);
+    }
+    int fd;
+    do {
+      fd = ::open(name, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    } while (fd < 0 && errno == EINTR);
+    if (fd >= 0) {
+      *handle = fd;
+      return Ok();
+    }
+    if (errno != EEXIST) break;
+  }
+  return KS_FAIL(kInit, DB_ERR_OPEN);
 }
 
 int32_t FileLock(FileHandle handle, int32_t unlock, uint32_t offset, uint32_t length) {

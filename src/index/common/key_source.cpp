@@ -1,0 +1,69 @@
+// The table key source (see key_source.h).
+#include "index/common/key_source.h"
+
+#include <cstring>
+
+#include "expr/evaluate.h"
+#include "expr/parse_entries.h"
+#include "kestrel/kestrel_table.h"
+#include "runtime/library_state.h"
+
+namespace kestrel::index {
+
+int32_t TableKeySource::Start() {
+  int32_t records = 0;
+  int32_t rc = DBGetRecordCount(table_, &records);
+  if (rc < 0) return KS_PASS(module_, rc);
+  count_ = records > 0 ? static_cast<uint32_t>(records) : 0;
+  // A key that is one character or numeric field on its own (and no user
+  // keyword could claim the name) is read straight from the record into a
+  // buffer kept for the whole build: the same key the evaluator's value
+  // would give, without parsing the expression and allocating a value for
+  // every record.  Numbers are keyed from their stored digits where the
+  // engine says that is exact; other texts take the evaluator's way.
+  if (expr::KeywordCount() == 0 && std::strpbrk(expression_, "+-(),") == nullptr) {
+    DBFIELD d{};
+    int32_t f = -1;
+    if (DBGetFieldNumber(table_, &f, expression_) >= 0 &&
+        DBGetFieldDescription(table_, f, &d) >= 0 && d.length > 0) {
+      int type = d.type & 0xFF;
+      bool usable = type == 'C' || ((type == 'N' || type == 'F') && maker_.TakesNumericText());
+      if (usable && field_text_.Allocate(d.length + 1u)) {
+        direct_field_ = f;
+        direct_type_ = type;
+      }
+    }
+  }
+  return 0;
+}
+
+int32_t TableKeySource::KeyOf(uint32_t record, uint8_t* key) {
+  SetErrorCode(0);
+  int32_t rc = DBGetRecord(table_, static_cast<int32_t>(record));
+  if (rc < 0) return KS_PASS(module_, rc);
+  char* text = reinterpret_cast<char*>(field_text_.data());
+  int text_length = static_cast<int>(field_text_.size()) - 1;
+  if (direct_type_ == 'N' || direct_type_ == 'F') {
+    int32_t made = 0;
+    int32_t got = DBGetFieldBinary(table_, direct_field_, text);
+    if (got < 0) return KS_PASS(module_, got);
+    if (maker_.FromNumericText(text, text_length, key, &made)) return made;
+  }
+  DBEXPRVALUE v{};
+  int32_t got = 0;
+  if (direct_type_ == 'C') {
+    got = DBGetFieldData(table_, direct_field_, text);
+    text[text_length] = '\0';
+    v.value = text;
+    v.type = 'C';
+    v.length = static_cast<int16_t>(strnlen(text, text_length));
+  } else {
+    got = EvaluateKeyExpression(table_, expression_, &v);
+  }
+  if (got < 0) return KS_PASS(module_, got);
+  got = maker_.FromValue(v, key);
+  if (direct_type_ != 'C') MemFree(v.value);
+  return got;
+}
+
+}  // namespace kestrel::index
