@@ -25,6 +25,10 @@ void ExerciseDbt(int32_t h) {
       DBxbGetMemoRecord(h, block, &text, option);
       if (text) DBFreeMemory(text);
     }
+    char* bytes = nullptr;
+    uint32_t length = 0;
+    DBxbGetMemoBytes(h, block, &bytes, &length);
+    if (bytes) DBFreeMemory(bytes);
   }
   DBXBMEMOINFO info{};
   DBxbGetMemoInfo(h, &info);
@@ -44,6 +48,8 @@ void ExerciseFpt(int32_t h) {
     char* data = nullptr;
     DBfpGetMemoRecord(h, block, &data, 100000, 0);
     DBfpGetMemoToBuffer(h, block, buffer, sizeof buffer, 0);
+    char* bytes = nullptr;
+    if (DBfpGetMemoBytes(h, block, &bytes, &length, &type) >= 0) DBFreeMemory(bytes);
     // In pieces: a bounded number of them.
     for (int piece = 0; piece < 8; ++piece) {
       if (DBfpGetMemoRecord(h, block, &data, 64, DB_FPT_PIECES) != 1) break;

@@ -44,8 +44,9 @@ void Exercise(int32_t h, uint8_t control) {
   std::vector<char> value(70000);
   char last_update[32];
   DBGetLastUpdate(h, last_update, 1);
-  int32_t records = 0;
-  DBGetRecordCount(h, &records);
+  uint32_t stored = 0;
+  DBGetRecordCount(h, &stored);
+  const int32_t records = stored > INT32_MAX ? INT32_MAX : static_cast<int32_t>(stored);
   for (int32_t r = 1; r <= records && r <= kMaxRecords; ++r) {
     if (DBGetRecord(h, r) < 0) continue;
     for (int32_t f = 0; f < count; ++f) {

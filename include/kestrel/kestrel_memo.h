@@ -66,9 +66,23 @@ KESTREL_API int32_t DBxbLockMemo(int32_t handle);
 KESTREL_API int32_t DBxbUnLockMemo(int32_t handle);
 /* Re-reads the header (next free block, file length) of a shared file. */
 KESTREL_API int32_t DBxbGetMemoHeader(int32_t handle);
-/* Reads the memo at block into a new buffer (free it with DBFreeMemory);
- * *text is NULL on failure. */
+/* Which read gives what:
+ *   DBxbGetMemoRecord  a text: zero-terminated, so it ends at the first zero
+ *                      byte for a caller that looks for the end (strlen); a
+ *                      plain memo longer than 128 blocks (64 KB) is -229.
+ *   DBxbGetMemoBytes   the memo's bytes, whatever their values, and their
+ *                      length, at any length the file holds.  Plain layout:
+ *                      the bytes up to the first 0x1A (that layout cannot
+ *                      hold the byte 0x1A); dBASE IV layout: the length its
+ *                      block header gives.  Soft line breaks are kept.
+ * Both return a new buffer (free it with DBFreeMemory) with a zero after
+ * the data; on failure the pointer is NULL (and the length 0).
+ *
+ * Reads the memo at block into a new buffer; *text is NULL on failure. */
 KESTREL_API int32_t DBxbGetMemoRecord(int32_t handle, uint32_t block, char** text, int32_t option);
+/* Reads the memo at block whole: *data receives *length bytes (and a zero
+ * after them). */
+KESTREL_API int32_t DBxbGetMemoBytes(int32_t handle, uint32_t block, char** data, uint32_t* length);
 /* Writes a zero-terminated text; *block is the memo to replace (mode
  * DB_MEMO_REPLACE; 0 appends) and receives the memo's block number. */
 KESTREL_API int32_t DBxbPutMemoRecord(int32_t handle, uint32_t* block, const char* text,
@@ -123,12 +137,26 @@ KESTREL_API int32_t DBfpGetMemoInfo(int32_t handle, DBFPMEMOINFO* info);
 /* Length of the memo's data and its type (DB_FPT_TYPE_TEXT or _PICTURE). */
 KESTREL_API int32_t DBfpGetMemoType(int32_t handle, uint32_t block, uint32_t* length,
                                     int32_t* type);
-/* Reads at most max_length bytes of the memo into a library buffer that
+/* Which read gives what:
+ *   DBfpGetMemoType      the length and type of a memo, no data.
+ *   DBfpGetMemoRecord    at most max_length bytes in a library buffer that
+ *                        the next get replaces (the caller keeps the length).
+ *   DBfpGetMemoToBuffer  the same into the caller's buffer.
+ *   DBfpGetMemoBytes     the whole memo, its length and type in one call, in
+ *                        a new buffer the caller owns (free it with
+ *                        DBFreeMemory), a zero after the data.  Text and
+ *                        picture memos alike: any byte values.
+ * Reads at most max_length bytes of the memo into a library buffer that
  * stays valid until the next get or the close; the data is followed by a
  * zero.  With DB_FPT_PIECES the read continues after the previous piece of
  * the same memo; the result is 1 while bytes remain. */
 KESTREL_API int32_t DBfpGetMemoRecord(int32_t handle, uint32_t block, char** buffer,
                                       uint32_t max_length, int32_t options);
+/* The whole memo: *data receives *length bytes in a new buffer (free it with
+ * DBFreeMemory; NULL on failure) and *type, unless type is NULL, its type
+ * (DB_FPT_TYPE_TEXT or _PICTURE).  A piecewise read under way is kept. */
+KESTREL_API int32_t DBfpGetMemoBytes(int32_t handle, uint32_t block, char** data, uint32_t* length,
+                                     int32_t* type);
 /* The same into the caller's buffer of max_length bytes; a zero follows the
  * data when there is room for it. */
 KESTREL_API int32_t DBfpGetMemoToBuffer(int32_t handle, uint32_t block, char* buffer,

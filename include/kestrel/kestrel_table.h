@@ -113,7 +113,10 @@ KESTREL_API int32_t DBPutRecordFromBuffer(int32_t handle, const void* buffer, in
 KESTREL_API int32_t DBMarkRecordInActive(int32_t handle, int32_t recno);
 KESTREL_API int32_t DBMarkRecordActive(int32_t handle, int32_t recno);
 KESTREL_API int32_t DBIsRecordDeleted(int32_t handle);
-KESTREL_API int32_t DBGetRecordCount(int32_t handle, int32_t* count);
+/* The record count of the header, unsigned 32-bit as the file holds it (a
+ * damaged header may claim more records than the file has; record numbers
+ * above 2^31 - 1 cannot be read through the int32_t record calls). */
+KESTREL_API int32_t DBGetRecordCount(int32_t handle, uint32_t* count);
 KESTREL_API int32_t DBGetRecordNumber(int32_t handle, int32_t* recno);
 KESTREL_API int32_t DBGetRecordInfo(int32_t handle, DBRECORDINFO* info);
 KESTREL_API int32_t DBClearBuffer(int32_t handle);

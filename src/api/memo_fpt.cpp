@@ -100,6 +100,29 @@ KESTREL_API int32_t DBfpGetMemoRecord(int32_t handle, uint32_t block, char** buf
   });
 }
 
+KESTREL_API int32_t DBfpGetMemoBytes(int32_t handle, uint32_t block, char** data, uint32_t* length,
+                                     int32_t* type) {
+  return Guarded([&]() -> int32_t {
+    if (!data || !length) return KS_FAIL(kGet, DB_ERR_NULL);
+    *data = nullptr;
+    *length = 0;
+    FptMemo* m = nullptr;
+    int32_t rc = Lookup(handle, &m, kGet);
+    if (rc < 0) return rc;
+    Succeed();
+    rc = Refresh(*m, kGet);
+    if (rc < 0) return rc;
+    Buffer bytes;
+    uint32_t word = 0, n = 0;
+    rc = FptReadWhole(*m, block, bytes, &word, &n);
+    if (rc < 0) return KS_PASS(kGet, rc);
+    if (type) *type = word == kFptTypeText ? DB_FPT_TYPE_TEXT : DB_FPT_TYPE_PICTURE;
+    *length = n;
+    *data = reinterpret_cast<char*>(bytes.Release());
+    return 0;
+  });
+}
+
 KESTREL_API int32_t DBfpGetMemoToBuffer(int32_t handle, uint32_t block, char* buffer,
                                         uint32_t max_length, int32_t options) {
   return Guarded([&]() -> int32_t {

@@ -71,7 +71,7 @@ extern "C" KESTREL_API int32_t DBIsRecordDeleted(int32_t handle) {
   });
 }
 
-extern "C" KESTREL_API int32_t DBGetRecordCount(int32_t handle, int32_t* count) {
+extern "C" KESTREL_API int32_t DBGetRecordCount(int32_t handle, uint32_t* count) {
   return Guarded([&]() -> int32_t {
     TableControl* t = LookUp(handle, kDsize);
     if (!t) return ErrorCode();

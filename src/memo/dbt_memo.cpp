@@ -96,11 +96,14 @@ bool BlockInFile(const DbtMemo& m, uint32_t b) {
 }
 
 // Finds the 0x1A that ends the plain memo at pos.  With out != nullptr the
-// text is kept there (zero-terminated); *length receives its length.
-int32_t ScanPlain(DbtMemo& m, uint64_t pos, Buffer* out, size_t* length, ModulePath module) {
+// text is kept there (zero-terminated); *length receives its length.  A
+// text longer than 128 blocks is -229 unless `whole` asks for any length
+// (up to the end of the file).
+int32_t ScanPlain(DbtMemo& m, uint64_t pos, Buffer* out, size_t* length, ModulePath module,
+                  bool whole = false) {
   Buffer local;
   Buffer& buf = out ? *out : local;
-  const size_t max = kMaxPlainBlocks * kPlainBlockSize;
+  const size_t max = whole ? SIZE_MAX : kMaxPlainBlocks * kPlainBlockSize;
   size_t have = 0;
   size_t chunk = kPlainBlockSize;
   for (;;) {
@@ -451,7 +454,7 @@ int32_t DbtUnlock(DbtMemo& m) {
   return 0;
 }
 
-int32_t DbtRead(DbtMemo& m, uint32_t block, uint8_t** text, size_t* length) {
+int32_t DbtRead(DbtMemo& m, uint32_t block, uint8_t** text, size_t* length, bool whole) {
   *text = nullptr;
   *length = 0;
   if (!BlockInFile(m, block)) return KS_FAIL(kGet, DB_ERR_SEEK);
@@ -468,7 +471,7 @@ int32_t DbtRead(DbtMemo& m, uint32_t block, uint8_t** text, size_t* length) {
     }
     *length = n;
   } else {
-    int32_t rc = ScanPlain(m, pos, &buf, length, kGet);
+    int32_t rc = ScanPlain(m, pos, &buf, length, kGet, whole);
     if (rc < 0) return rc;
   }
   *text = buf.Release();

@@ -71,8 +71,9 @@ int32_t DbtUnlock(DbtMemo& memo);
 // Re-reads the header word and the file size.
 int32_t DbtReadHeader(DbtMemo& memo);
 // Reads the memo at block into a new MemAlloc block of length + 1 bytes
-// (zero-terminated); *length receives the text length.
-int32_t DbtRead(DbtMemo& memo, uint32_t block, uint8_t** text, size_t* length);
+// (zero-terminated); *length receives the text length.  A plain memo longer
+// than 128 blocks is -229 unless `whole` asks for it whatever its length.
+int32_t DbtRead(DbtMemo& memo, uint32_t block, uint8_t** text, size_t* length, bool whole = false);
 // Writes length bytes (already wrapped) as a new memo (replace_block 0) or
 // over the memo at replace_block; *block receives where it went.
 // soft_wrapped tells a plain replace to overwrite in place whatever the size.

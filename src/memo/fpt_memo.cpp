@@ -155,6 +155,19 @@ int32_t FptMemoHeader(FptMemo& m, uint32_t block, uint32_t* type, uint32_t* leng
   return 0;
 }
 
+int32_t FptReadWhole(FptMemo& m, uint32_t block, Buffer& out, uint32_t* type, uint32_t* length) {
+  int32_t rc = FptMemoHeader(m, block, type, length);
+  if (rc < 0) return rc;
+  if (!out.Allocate(static_cast<size_t>(*length) + 1)) return KS_FAIL(kGet, DB_ERR_MEMORY);
+  if (*length > 0) {
+    uint64_t pos = static_cast<uint64_t>(block) * m.block_size + kMemoHeaderSize;
+    rc = FileReadAt(m.file, pos, out.data(), *length);
+    if (rc < 0) return KS_PASS(kGet, rc);
+  }
+  out.data()[*length] = 0;
+  return 0;
+}
+
 int32_t FptRead(FptMemo& m, uint32_t block, uint32_t max, bool pieces, Buffer& out,
                 bool keep_buffer, uint32_t* count) {
   *count = 0;

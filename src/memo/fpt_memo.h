@@ -57,6 +57,9 @@ int32_t FptUnlock(FptMemo& memo);
 int32_t FptReadHeader(FptMemo& memo);
 // Reads and checks the memo header at block: type word and data length.
 int32_t FptMemoHeader(FptMemo& memo, uint32_t block, uint32_t* type, uint32_t* length);
+// Reads the whole memo at block into out (length bytes and a zero after
+// them), leaving any piecewise read as it was.
+int32_t FptReadWhole(FptMemo& memo, uint32_t block, Buffer& out, uint32_t* type, uint32_t* length);
 // Reads up to max bytes of the memo at block (continuing a piecewise read
 // when pieces is set) into out (grown as needed, zero-terminated).
 // *count receives the bytes read; the result is 1 while bytes remain.

@@ -12,6 +12,7 @@
 #include "runtime/handles.h"
 #include "runtime/status.h"
 #include "table/table_control.h"
+#include "table/table_format.h"
 
 namespace kestrel::memo {
 namespace {
@@ -32,21 +33,6 @@ struct Change {
   int32_t offset;
   uint32_t block;
 };
-
-// Parses a 10-character block number: blanks around decimal digits.  Any
-// other content, or a blank field, gives 0 (no memo).
-uint32_t ParseBlock(const uint8_t* field) {
-  int i = 0;
-  while (i < kMemoFieldWidth && field[i] == ' ') ++i;
-  uint64_t value = 0;
-  int digits = 0;
-  for (; i < kMemoFieldWidth && field[i] >= '0' && field[i] <= '9'; ++i, ++digits) {
-    value = value * 10 + static_cast<uint64_t>(field[i] - '0');
-  }
-  while (i < kMemoFieldWidth && field[i] == ' ') ++i;
-  if (i != kMemoFieldWidth || digits == 0 || value > 0xFFFFFFFFu) return 0;
-  return static_cast<uint32_t>(value);
-}
 
 void StoreBlock(uint8_t* field, uint32_t block) {
   char text[kMemoFieldWidth + 1];
@@ -72,7 +58,8 @@ int32_t OpenTableView(int32_t table, TableView& view, ModulePath module) {
   view.record = t->record;
   for (uint32_t i = 0; i < t->field_count; ++i) {
     const table::FieldInfo& f = t->fields[i];
-    if (f.type == 'M' && f.length == kMemoFieldWidth) {
+    // G fields (FoxPro tables only) hold memo references as M fields do.
+    if ((f.type == 'M' || f.type == 'G') && f.length == kMemoFieldWidth) {
       view.fields.push_back({static_cast<int32_t>(f.offset)});
     }
   }
@@ -83,15 +70,24 @@ int32_t OpenTableView(int32_t table, TableView& view, ModulePath module) {
 // and collects the changes.
 template <class Copy>
 int32_t CollectChanges(TableView& view, Vec<Change>& changes, ModulePath module, Copy&& copy) {
-  int32_t rc = table::GetRecordCount(view.table, &view.record_count);
+  uint32_t count = 0;
+  int32_t rc = table::GetRecordCount(view.table, &count);
   if (rc < 0) return KS_PASS(module, rc);
+  // A count beyond what a record number can name is read up to the first
+  // record the file does not hold, which fails the pack.
+  view.record_count = count > INT32_MAX ? INT32_MAX : static_cast<int32_t>(count);
   if (view.fields.empty()) return 0;
   for (int32_t r = 1; r <= view.record_count; ++r) {
     rc = table::GetRecord(view.table, nullptr, r);
     if (rc < 0) return KS_PASS(module, rc);
     if (view.record[0] != ' ') continue;
     for (const MemoField& f : view.fields) {
-      uint32_t old_block = ParseBlock(view.record + f.offset);
+      // A reference that is no block number is damage the pack must not
+      // paper over (dropping the memo, or copying another one).
+      uint32_t old_block = 0;
+      if (table::ParseMemoReference(view.record + f.offset, kMemoFieldWidth, &old_block) < 0) {
+        return KS_FAIL(module, DB_ERR_CORRUPTED);
+      }
       if (old_block == 0) continue;
       uint32_t new_block = 0;
       rc = copy(old_block, &new_block);
@@ -111,7 +107,9 @@ int32_t RewriteRecords(TableView& view, const Vec<Change>& changes, ModulePath m
     bool changed = false;
     for (; i < changes.size() && changes[i].recno == recno; ++i) {
       uint8_t* field = view.record + changes[i].offset;
-      if (ParseBlock(field) != changes[i].block) {
+      uint32_t stored = 0;
+      table::ParseMemoReference(field, kMemoFieldWidth, &stored);
+      if (stored != changes[i].block) {
         StoreBlock(field, changes[i].block);
         changed = true;
       }

@@ -7,6 +7,7 @@
 //   N, F   right-aligned fixed-point text      double
 //   L      'T', 'F' or a space                 one byte: 1 true, 0 false
 //   M      block number, "%10lu"               uint32_t
+//   G      as M (FoxPro dialects only)
 //   1      8 raw bytes                         copied
 //   2-4    4 raw bytes                         copied
 //   5, 6   2 raw bytes                         copied
@@ -190,6 +191,7 @@ uint32_t UnpackedSize(const FieldInfo& f) {
     case 'F':
       return 8;
     case 'M':
+    case 'G':
       return 4;
     default:
       return f.length;
@@ -259,12 +261,11 @@ int32_t GetValue(const TableControl* t, const FieldInfo& f, void* out) {
       }
       return 0;
     }
-    case 'M': {
+    case 'M':
+    case 'G': {
       uint32_t block = 0;
-      if (!blank) {
-        char text[kNumberText] = {};
-        std::memcpy(text, stored, f.length < kNumberText - 1 ? f.length : kNumberText - 1);
-        block = static_cast<uint32_t>(std::strtoul(text, nullptr, 10));
+      if (!blank && ParseMemoReference(stored, f.length, &block) < 0) {
+        return KS_FAIL(kDfget, DB_ERR_CORRUPTED);
       }
       std::memcpy(out, &block, sizeof block);
       return blank ? DB_WARN_FIELD_EMPTY : 0;
@@ -334,7 +335,8 @@ int32_t PutValue(TableControl* t, const FieldInfo& f, const void* in) {
       if (f.length > 0) stored[0] = mark;
       return 0;
     }
-    case 'M': {
+    case 'M':
+    case 'G': {
       uint32_t block;
       std::memcpy(&block, in, sizeof block);
       return PutMemoNumber(t, f, block);

@@ -13,12 +13,13 @@ constexpr ModulePath kDfput = KS_ENGINE_MODULE("DFPUT");
 constexpr ModulePath kDfnam2no = KS_ENGINE_MODULE("DFNAM2NO");
 
 // Compares a field name with a caller's name, ignoring the case of ASCII
-// letters, without copying either.
+// letters only (other bytes compare exactly: they may belong to double-byte
+// characters), without copying either.
 bool SameName(const FieldInfo& f, const char* name) {
   uint32_t i = 0;
   for (; i < f.name_length; ++i) {
     uint8_t c = static_cast<uint8_t>(name[i]);
-    if (c == 0 || UpperAscii(c) != static_cast<uint8_t>(f.name[i])) return false;
+    if (c == 0 || UpperAscii(c) != UpperAscii(static_cast<uint8_t>(f.name[i]))) return false;
   }
   return name[i] == '\0';
 }

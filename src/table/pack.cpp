@@ -148,7 +148,7 @@ int32_t CreateWorkTable(const TableControl* t, const char* work) {
   }
   int32_t dialect = t->dialect;
   if (t->header[kHdrProduction] != 0) dialect |= kProductionRequest;
-  int32_t rc = CreateTable(work, t->field_count, fields, dialect);
+  int32_t rc = CreateTable(work, t->field_count, fields, dialect, true);
   if (rc < 0) return KS_PASS(kDpack, rc);
   // Creating sets the lengths some types must have (a date 8 bytes, a
   // logical 1, ...).  A damaged descriptor with another length opens, but

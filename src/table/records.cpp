@@ -299,11 +299,11 @@ int32_t IsRecordDeleted(TableControl* t) {
   return ErrorCode();
 }
 
-int32_t GetRecordCount(TableControl* t, int32_t* count) {
+int32_t GetRecordCount(TableControl* t, uint32_t* count) {
   SetErrorCode(0);
   int32_t rc = RefreshIfStale(t);
   if (rc < 0) return KS_PASS(kDsize, rc);
-  *count = static_cast<int32_t>(t->RecordCount());
+  *count = t->RecordCount();
   return 0;
 }
 

@@ -33,7 +33,7 @@ inline constexpr uint8_t kLockFile = 0x04;
 
 // One field descriptor as kept in memory.
 struct FieldInfo {
-  char name[12];         // upper-cased name, zero-terminated (1..10 characters)
+  char name[12];         // the name as stored, zero-terminated (1..10 characters)
   uint8_t name_length;   // characters in name
   uint8_t type;          // upper-cased type letter or binary code
   uint8_t decimals;      // descriptor byte 17 (for C: the high length byte)
@@ -110,7 +110,10 @@ TableControl* LookUpField(int32_t handle, int32_t field, ModulePath module);
 
 // ---- Open and close (table_open.cpp, table_create.cpp, pack.cpp, zap.cpp) ----
 // Checks and normalises the caller's fields and writes a new empty table.
-int32_t CreateTable(const char* name, int32_t field_count, DBFIELD* fields, int32_t dialect);
+// keep_names stores every name as given (pack copies a table's names, which
+// must not change); otherwise all-ASCII names are upper-cased.
+int32_t CreateTable(const char* name, int32_t field_count, DBFIELD* fields, int32_t dialect,
+                    bool keep_names = false);
 // Opens a table into a new handle (-1 on failure).
 int32_t OpenTable(int32_t* handle, const char* name, int32_t mode);
 // Writes what the cache holds and flushes the file.
@@ -190,7 +193,7 @@ int32_t PutRecord(TableControl* t, const void* buffer, int32_t* recno, int32_t m
 // the deleted-record chain of a table opened for reuse.
 int32_t MarkRecord(TableControl* t, int32_t recno, uint8_t mark);
 int32_t IsRecordDeleted(TableControl* t);
-int32_t GetRecordCount(TableControl* t, int32_t* count);
+int32_t GetRecordCount(TableControl* t, uint32_t* count);
 int32_t GetRecordInfo(TableControl* t, DBRECORDINFO* info);
 int32_t ClearRecordBuffer(TableControl* t);
 int32_t SetRecordBuffer(TableControl* t, void* address);

@@ -1,8 +1,8 @@
 // Creating a table file (module DCREATE).
 //
 // The caller's field array is checked field by field (name, type, length,
-// decimals, record length) and normalised in place: names and type letters
-// are upper-cased and fixed-length types get their forced length and zero
+// decimals, record length) and normalised in place: ASCII names and type
+// letters are upper-cased and fixed-length types get their forced length and zero
 // decimals written back.  The whole file image (header, descriptors,
 // terminator and end marker) is then written in one call and the file closed.
 #include <cstring>
@@ -17,10 +17,15 @@ constexpr ModulePath kDcreate = KS_ENGINE_MODULE("DCREATE");
 
 // Checks one field, normalises it in the caller's array and returns its
 // length through *length.
-int32_t CheckField(DBFIELD* f, int dialect, uint8_t* version, uint32_t* length) {
+int32_t CheckField(DBFIELD* f, int dialect, bool keep_names, uint8_t* version, uint32_t* length) {
   size_t name_length = strnlen(f->name, sizeof f->name);
   if (name_length == 0 || name_length > 10) return KS_FAIL(kDcreate, DB_ERR_FIELD_NAME);
-  for (size_t k = 0; k < name_length; ++k) {
+  // A name of ASCII characters is upper-cased; one with other bytes is kept
+  // as given, since upper-casing byte by byte would change double-byte
+  // characters whose second byte looks like a lower-case letter.
+  bool ascii = !keep_names;
+  for (size_t k = 0; k < name_length; ++k) ascii = ascii && static_cast<uint8_t>(f->name[k]) < 0x80;
+  for (size_t k = 0; ascii && k < name_length; ++k) {
     f->name[k] = static_cast<char>(UpperAscii(static_cast<uint8_t>(f->name[k])));
   }
   uint8_t type = static_cast<uint8_t>(f->type & 0xFF);
@@ -29,7 +34,9 @@ int32_t CheckField(DBFIELD* f, int dialect, uint8_t* version, uint32_t* length) 
     type = UpperAscii(type);
     f->type = type;
   }
-  if (type == 0 || type > 110 || !KnownFieldType(type)) return KS_FAIL(kDcreate, DB_ERR_FIELD_TYPE);
+  if (type == 0 || type > 110 || !(KnownFieldType(type) || IsMemoType(type, dialect))) {
+    return KS_FAIL(kDcreate, DB_ERR_FIELD_TYPE);
+  }
   if (type == 'F' && !AllowsFloat(dialect)) return KS_FAIL(kDcreate, DB_ERR_FIELD_TYPE);
   if (type == 'C') {
     int32_t most = dialect == 6 ? 2048 : 254;
@@ -47,7 +54,7 @@ int32_t CheckField(DBFIELD* f, int dialect, uint8_t* version, uint32_t* length) 
   } else {
     f->length = static_cast<int32_t>(ForcedLength(type));
     f->decimals = 0;
-    if (type == 'M') {
+    if (IsMemoType(type, dialect)) {
       if (dialect == 2) {
         *version |= 0x88;
       } else if (HasFoxMemoVersion(dialect)) {
@@ -62,7 +69,8 @@ int32_t CheckField(DBFIELD* f, int dialect, uint8_t* version, uint32_t* length) 
 }
 }  // namespace
 
-int32_t CreateTable(const char* name, int32_t field_count, DBFIELD* fields, int32_t dialect) {
+int32_t CreateTable(const char* name, int32_t field_count, DBFIELD* fields, int32_t dialect,
+                    bool keep_names) {
   if (field_count <= 0) return KS_FAIL(kDcreate, DB_ERR_FIELD_COUNT);
   bool production = (dialect & kProductionRequest) != 0;
   dialect &= ~kProductionRequest;
@@ -73,7 +81,7 @@ int32_t CreateTable(const char* name, int32_t field_count, DBFIELD* fields, int3
   uint32_t record_length = 1;
   for (int32_t i = 0; i < field_count; ++i) {
     uint32_t length = 0;
-    int32_t rc = CheckField(&fields[i], dialect, &version, &length);
+    int32_t rc = CheckField(&fields[i], dialect, keep_names, &version, &length);
     if (rc < 0) return rc;
     record_length += length;
     if (record_length > MaxRecordLength(dialect)) {

@@ -4,6 +4,8 @@
 
 #include <cstdlib>
 
+#include "kestrel/kestrel_frame.h"
+
 namespace kestrel::table {
 
 int MaxFieldCount(int d) {
@@ -28,6 +30,21 @@ bool VersionAccepted(int d, uint8_t v) {
   if (d == 2) return v == 0x83 || v == kVersionDbase4Memo;
   if (HasFoxMemoVersion(d)) return v == kVersionFoxMemo;
   return v == 0x83;
+}
+
+int32_t ParseMemoReference(const uint8_t* stored, uint32_t length, uint32_t* block) {
+  auto padding = [](uint8_t c) { return c == ' ' || c == 0; };
+  uint32_t i = 0;
+  while (i < length && padding(stored[i])) ++i;
+  uint64_t value = 0;
+  for (; i < length && stored[i] >= '0' && stored[i] <= '9'; ++i) {
+    value = value * 10 + static_cast<uint64_t>(stored[i] - '0');
+    if (value > 0xFFFFFFFFu) return DB_ERR_CORRUPTED;
+  }
+  while (i < length && padding(stored[i])) ++i;
+  if (i != length) return DB_ERR_CORRUPTED;
+  *block = static_cast<uint32_t>(value);
+  return 0;
 }
 
 bool KnownFieldType(uint8_t type) {
@@ -60,6 +77,7 @@ uint32_t ForcedLength(uint8_t type) {
     case 'L':
       return 1;
     case 'M':
+    case 'G':
       return 10;
     case 12:
       return 4;

@@ -200,6 +200,17 @@ uint32_t ForcedLength(uint8_t type);
 double MaxMagnitude(uint32_t length, uint32_t decimals);
 // Capacity in records of a default cache for this record length.
 int32_t CacheCapacityFor(uint32_t record_length);
+// Whether a field type is a memo reference in dialect d: M everywhere, and
+// G (general: OLE objects and other binary data) in the FoxPro dialects.
+inline bool IsMemoType(uint8_t type, int d) {
+  return type == 'M' || (type == 'G' && HasFoxMemoVersion(d));
+}
+// Reads the block number a memo field stores: decimal digits with blanks (or
+// zero bytes) around them.  A field without digits is no memo (block 0).
+// Anything else, or a number beyond 32 bits, is DB_ERR_CORRUPTED (not
+// logged): such a reference must never be cut down to some other block.
+// Every reader of memo references goes through here.
+int32_t ParseMemoReference(const uint8_t* stored, uint32_t length, uint32_t* block);
 // Upper-cases an ASCII letter.
 inline uint8_t UpperAscii(uint8_t c) {
   return (c >= 'a' && c <= 'z') ? static_cast<uint8_t>(c - 'a' + 'A') : c;

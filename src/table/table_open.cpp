@@ -32,9 +32,9 @@ int32_t ReadDescriptors(TableControl* t, const uint8_t* raw, uint32_t n) {
       return KS_FAIL(kDopen, DB_ERR_FIELD_NAME);
     }
     FieldInfo& f = fields[i];
-    for (uint32_t k = 0; k < d.name_length; ++k) {
-      f.name[k] = static_cast<char>(UpperAscii(static_cast<uint8_t>(d.name[k])));
-    }
+    // Names are kept byte for byte: in a double-byte code page the second
+    // byte of a character can look like an ASCII letter.
+    std::memcpy(f.name, d.name, d.name_length);
     f.name_length = d.name_length;
     f.type = UpperAscii(d.type);
     f.decimals = d.decimals;
@@ -44,9 +44,11 @@ int32_t ReadDescriptors(TableControl* t, const uint8_t* raw, uint32_t n) {
     f.offset = offset;
     offset += f.length;
     if (f.length > widest) widest = f.length;
-    if (!KnownFieldType(f.type)) return KS_FAIL(kDopen, DB_ERR_FIELD_TYPE);
+    if (!KnownFieldType(f.type) && !IsMemoType(f.type, t->dialect)) {
+      return KS_FAIL(kDopen, DB_ERR_FIELD_TYPE);
+    }
     if (f.type == 'N' || f.type == 'F') f.max_magnitude = MaxMagnitude(f.length, f.decimals);
-    if (f.type == 'M') {
+    if (IsMemoType(f.type, t->dialect)) {
       bool ok = HasFoxMemoVersion(t->dialect) ? version == kVersionFoxMemo
                                               : (version & kVersionMemoBit) != 0;
       if (!ok) return KS_FAIL(kDopen, DB_ERR_VERSION);

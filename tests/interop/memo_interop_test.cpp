@@ -280,12 +280,12 @@ TEST_P(MemoFixtures, ReadThroughTheTable) {
   ASSERT_EQ(DBOpenFile(&t, dbf.c_str(), c.layout.TableDialect() | DB_OPEN_READONLY), 0);
   int32_t m = -1;
   ASSERT_EQ(c.layout.Open(&m, memo, DB_OPEN_READONLY), 0);
-  int32_t count = 0;
+  uint32_t count = 0;
   ASSERT_EQ(DBGetRecordCount(t, &count), 0);
   int32_t field = -1;
   ASSERT_EQ(DBGetFieldNumber(t, &field, "NOTES"), 0);
   int seen = 0;
-  for (int32_t r = 1; r <= count; ++r) {
+  for (int32_t r = 1; r <= static_cast<int32_t>(count); ++r) {
     ASSERT_GE(DBGetRecord(t, r), 0);
     uint32_t b = 0;
     int32_t rc = DBGetFieldData(t, field, &b);

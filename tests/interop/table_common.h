@@ -101,10 +101,10 @@ inline Json KestrelDump(const std::string& path, int dialect) {
                              {"length", f.length},
                              {"decimals", type == 'C' ? 0 : f.decimals}});
   }
-  int32_t count = 0;
+  uint32_t count = 0;
   EXPECT_GE(DBGetRecordCount(handle, &count), 0);
   out["records"] = Json::array();
-  for (int32_t recno = 1; recno <= count; ++recno) {
+  for (int32_t recno = 1; recno <= static_cast<int32_t>(count); ++recno) {
     rc = DBGetRecord(handle, recno);
     if (rc < 0) {
       ADD_FAILURE() << path << ": DBGetRecord(" << recno << ") = " << rc;

@@ -47,12 +47,12 @@ void CheckGeneratedSet(const std::string& table) {
   std::vector<DBFIELD> fields(static_cast<size_t>(info.field_count));
   int32_t widest = 0;
   ASSERT_EQ(DBGetFileDescription(h, &widest, fields.data()), 0);
-  int32_t count = 0;
+  uint32_t count = 0;
   ASSERT_EQ(DBGetRecordCount(h, &count), 0);
 
   std::ifstream lines(Fixture("harbour/" + table + ".records.jsonl"));
   std::string line;
-  int32_t seen = 0;
+  uint32_t seen = 0;
   while (std::getline(lines, line)) {
     Json want = Json::parse(line);
     const int32_t recno = want["recno"];
@@ -118,7 +118,7 @@ void CheckGeneratedSet(const std::string& table) {
     }
   }
   EXPECT_EQ(seen, count) << table << ": records in the dump";
-  EXPECT_GT(seen, 0);
+  EXPECT_GT(seen, 0u);
   EXPECT_EQ(DBCloseFile(h), 0);
 }
 

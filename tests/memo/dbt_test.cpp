@@ -211,6 +211,20 @@ TEST_F(DbtTest, BadBlocksLongTextsAndDamagedFiles) {
   };
   expect_read(bytes, DB_ERR_CORRUPTED);
   expect_read(unended, DB_ERR_FIELD_LENGTH);
+  // The read with a length takes a memo whole at any length: 130 blocks end
+  // with their marks here; without them the file ends inside the memo.
+  std::vector<uint8_t> ended = unended;
+  ended.insert(ended.end(), {0x1A, 0x1A});
+  for (const auto& [file, code] : {std::pair{ended, 0}, std::pair{unended, DB_ERR_CORRUPTED}}) {
+    WriteFileBytes(path_, file);
+    ASSERT_EQ(DBxbOpenMemo(&h, path_.c_str(), 3), 0);
+    std::string whole = GetBytes(false, h, 1, &rc);
+    EXPECT_EQ(rc, code);
+    if (code == 0) {
+      EXPECT_EQ(whole, std::string(130 * 512, 'z'));
+    }
+    DBxbCloseMemo(h);
+  }
 
   // dBASE IV: a block header whose length runs past the end of the file is
   // refused before anything is allocated for it, in reads and replaces.
@@ -218,6 +232,14 @@ TEST_F(DbtTest, BadBlocksLongTextsAndDamagedFiles) {
   b = Put(h, "text");
   DBxbCloseMemo(h);
   bytes = ReadFileBytes(path_);
+  // Binary data (a zero byte inside) reads whole through the read with a
+  // length; the text read stops at the zero.
+  bytes[512 * b + 8 + 1] = 0;
+  WriteFileBytes(path_, bytes);
+  ASSERT_EQ(DBxbOpenMemo(&h, path_.c_str(), 2), 0);
+  EXPECT_EQ(GetBytes(false, h, b, &rc), std::string("t\0xt", 4));
+  EXPECT_EQ(rc, 0);
+  DBxbCloseMemo(h);
   const uint8_t huge[4] = {0xF0, 0xFF, 0xFF, 0x7F};
   std::copy(huge, huge + 4, bytes.begin() + 512 * b + 4);
   WriteFileBytes(path_, bytes);

@@ -60,11 +60,16 @@ TEST_P(FormatTest, RoundTripsOfEverySizeClass) {
     int32_t rc = 0;
     ASSERT_EQ(l.Get(h, b, &rc), entry.first) << "block " << b;
     ASSERT_EQ(rc, 0);
+    // The read with a length gives the same bytes, and for FPT the type.
+    int32_t type = -1;
+    ASSERT_EQ(GetBytes(l.fpt, h, b, &rc, &type), entry.first) << "block " << b;
+    ASSERT_EQ(rc, 0);
     if (l.fpt) {
       uint32_t length = 0;
-      int32_t type = -1;
-      ASSERT_EQ(DBfpGetMemoType(h, b, &length, &type), 0);
-      EXPECT_EQ(type, entry.second ? DB_FPT_TYPE_PICTURE : DB_FPT_TYPE_TEXT);
+      int32_t stored_type = -1;
+      ASSERT_EQ(DBfpGetMemoType(h, b, &length, &stored_type), 0);
+      EXPECT_EQ(stored_type, entry.second ? DB_FPT_TYPE_PICTURE : DB_FPT_TYPE_TEXT);
+      EXPECT_EQ(type, stored_type);
     }
   }
   // The file ends in the block before the next free one.

@@ -54,6 +54,25 @@ inline std::string GetFpt(int32_t handle, uint32_t block, int32_t* rc) {
   return std::string(data, length);
 }
 
+// Reads a memo whole through the read that gives its length
+// (DBxbGetMemoBytes, DBfpGetMemoBytes); the status goes to *rc.
+inline std::string GetBytes(bool fpt, int32_t handle, uint32_t block, int32_t* rc,
+                            int32_t* type = nullptr) {
+  char* data = nullptr;
+  uint32_t length = 12345;
+  *rc = fpt ? DBfpGetMemoBytes(handle, block, &data, &length, type)
+            : DBxbGetMemoBytes(handle, block, &data, &length);
+  if (*rc < 0) {
+    EXPECT_EQ(data, nullptr);
+    EXPECT_EQ(length, 0u);
+    return {};
+  }
+  EXPECT_EQ(data[length], '\0');
+  std::string s(data, length);
+  DBFreeMemory(data);
+  return s;
+}
+
 // A memo layout and the calls of its format.
 struct Layout {
   const char* name;

@@ -24,7 +24,8 @@ void PrintTo(const Format& f, std::ostream* out) { *out << f.layout.name; }
 class PackTest : public MemoTest, public ::testing::WithParamInterface<Format> {
  protected:
   // A table NAME C(10), NOTES M, MORE M (the first memo field at byte 11)
-  // and an empty memo file.
+  // and an empty memo file.  In FoxPro tables MORE is a G (general) field,
+  // which holds its memo reference as M does.
   void Create(const std::string& dbf, const std::string& memo) {
     DBFIELD fields[3] = {};
     std::strcpy(fields[0].name, "NAME");
@@ -33,7 +34,7 @@ class PackTest : public MemoTest, public ::testing::WithParamInterface<Format> {
     std::strcpy(fields[1].name, "NOTES");
     fields[1].type = 'M';
     std::strcpy(fields[2].name, "MORE");
-    fields[2].type = 'M';
+    fields[2].type = GetParam().layout.fpt ? 'G' : 'M';
     ASSERT_EQ(DBCreateFile(dbf.c_str(), 3, fields, GetParam().layout.dialect), 0);
     ASSERT_EQ(GetParam().layout.Create(memo), 0);
   }
@@ -163,6 +164,56 @@ TEST_P(PackTest, KeepsExactlyTheMemosOfActiveRecords) {
     EXPECT_EQ(l.Close(m), 0);
     EXPECT_EQ(DBCloseFile(t), 0);
   }
+}
+
+// A memo reference that is no block number (2^32 + 2 would wrap to block 2,
+// another record's memo) is -206 for the field read and for the pack, which
+// then leaves both files as they were.
+TEST_P(PackTest, DamagedReferencesAreErrorsEverywhere) {
+  const Layout& l = GetParam().layout;
+  std::string dbf = dir_.File("refs.dbf"), memo = dir_.File("refs" + l.Extension());
+  Create(dbf, memo);
+  int32_t t = -1, m = -1;
+  ASSERT_EQ(DBOpenFile(&t, dbf.c_str(), l.dialect), 0);
+  ASSERT_EQ(l.Open(&m, memo), 0);
+  for (int r = 1; r <= 3; ++r) {
+    ASSERT_EQ(DBClearBuffer(t), 0);
+    uint32_t b = PutMemo(m, "memo of record " + std::to_string(r));
+    ASSERT_EQ(DBPutFieldData(t, 1, &b), 0);
+    int32_t recno = 0;
+    ASSERT_EQ(DBPutRecord(t, &recno, DB_RECORD_APPEND), 0);
+  }
+  struct Case {
+    const char* stored;
+    int32_t status;
+    uint32_t block;
+  } cases[] = {
+      {"4294967298", DB_ERR_CORRUPTED, 0},
+      {"99999999999", DB_ERR_CORRUPTED, 0},
+      {"     12abc", DB_ERR_CORRUPTED, 0},
+      {"        -1", DB_ERR_CORRUPTED, 0},
+      {"4294967295", 0, 4294967295u},
+      {"0000000007", 0, 7},
+      {"         0", 0, 0},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.stored);
+    ASSERT_GE(DBGetRecord(t, 2), 0);
+    ASSERT_GE(DBPutStrField(t, 1, c.stored), 0);
+    int32_t recno = 2;
+    ASSERT_EQ(DBPutRecord(t, &recno, DB_RECORD_REPLACE), 0);
+    uint32_t block = 12345;
+    EXPECT_EQ(DBGetFieldData(t, 1, &block), c.status);
+    EXPECT_EQ(block, c.status < 0 ? 12345u : c.block);
+    if (c.status == 0) continue;
+    ASSERT_EQ(DBFlushFile(t), 0);
+    auto table_before = ReadFileBytes(dbf), memo_before = ReadFileBytes(memo);
+    EXPECT_EQ(l.Pack(t, &m), DB_ERR_CORRUPTED);
+    EXPECT_EQ(ReadFileBytes(dbf), table_before);
+    EXPECT_EQ(ReadFileBytes(memo), memo_before);
+  }
+  l.Close(m);
+  EXPECT_EQ(DBCloseFile(t), 0);
 }
 
 INSTANTIATE_TEST_SUITE_P(Formats, PackTest,

@@ -189,9 +189,9 @@ class SharingTest : public LibraryTest {
     return s;
   }
   int32_t Count(int32_t h) {
-    int32_t n = -1;
+    uint32_t n = 0;
     EXPECT_EQ(DBGetRecordCount(h, &n), 0);
-    return n;
+    return static_cast<int32_t>(n);
   }
   // The lock state and lock count the table reports.
   std::pair<int32_t, int32_t> LockState(int32_t h) {

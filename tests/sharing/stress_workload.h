@@ -158,7 +158,10 @@ inline AppendResult RunAppends(const std::string& path, int32_t dialect, int wri
     long reads = 0, bad = 0;
     for (uint32_t state = 12345; last < total;) {
       bool done = shared->done != 0;
-      if (DBGetFileHeader(h) < 0 || DBGetRecordCount(h, &count) < 0 || count < last) ++bad;
+      uint32_t n = 0;
+      if (DBGetFileHeader(h) < 0 || DBGetRecordCount(h, &n) < 0) ++bad;
+      count = static_cast<int32_t>(n);
+      if (count < last) ++bad;
       last = std::max(last, count);
       if (count > 0) {
         state = Mix(state + 1);
@@ -184,7 +187,9 @@ inline AppendResult RunAppends(const std::string& path, int32_t dialect, int wri
   // a file that ends where it should.
   int32_t h = -1;
   EXPECT_EQ(DBOpenFile(&h, path.c_str(), kind), 0);
-  EXPECT_EQ(DBGetRecordCount(h, &result.final_count), 0);
+  uint32_t final_count = 0;
+  EXPECT_EQ(DBGetRecordCount(h, &final_count), 0);
+  result.final_count = static_cast<int32_t>(final_count);
   EXPECT_EQ(result.final_count, total);
   std::set<std::pair<int, int>> seen;
   std::vector<int> last_seq(static_cast<size_t>(writers) + 1, 0);
@@ -273,8 +278,9 @@ inline ReplaceResult RunReplaces(const std::string& path, int32_t dialect, int w
     for (int i = 1; i <= per_writer; ++i) ++expected[static_cast<size_t>(Target(w, i, records))];
   }
   EXPECT_EQ(DBOpenFile(&h, path.c_str(), kind), 0);
-  int32_t count = 0;
-  EXPECT_EQ(DBGetRecordCount(h, &count), 0);
+  uint32_t stored = 0;
+  EXPECT_EQ(DBGetRecordCount(h, &stored), 0);
+  const int32_t count = static_cast<int32_t>(stored);
   EXPECT_EQ(count, records);
   long lost = 0, damaged = 0;
   for (int32_t r = 1; r <= count; ++r) {

@@ -214,5 +214,57 @@ TEST_F(FieldsTest, NamesNumbersAndNullArguments) {
   }
 }
 
+// Names are kept byte for byte: a Big5 name whose second bytes look like
+// ASCII letters (b, D, m, W) survives create, open and pack; names that
+// another program stored in lower case read as stored; lookups ignore the
+// case of ASCII letters only.
+TEST_F(FieldsTest, NamesAreKeptAsStored) {
+  const std::string big5 = "\xAF\x62\xA5\x44\xA9\x6D\xA6\x57";  // 畜主姓名
+  std::vector<DBFIELD> fields = {Field(big5.c_str(), 'C', 8), Field("amount", 'N', 5),
+                                 Field("notes", 'G')};
+  const std::string path = dir_.File("names.dbf");
+  EXPECT_EQ(DBCreateFile(path.c_str(), 3, fields.data(), DB_DIALECT_DBASE3), DB_ERR_FIELD_TYPE);
+  ASSERT_EQ(DBCreateFile(path.c_str(), 3, fields.data(), DB_DIALECT_FOXPRO), 0);
+  EXPECT_EQ(std::string(fields[0].name), big5);
+  EXPECT_EQ(std::string(fields[1].name), "AMOUNT");  // ASCII names are upper-cased
+  EXPECT_EQ(fields[2].length, 10);
+  // Another writer's lower-case name in descriptor 2.
+  std::vector<uint8_t> bytes = ReadFileBytes(path);
+  std::memcpy(&bytes[32 + 32 + 0], "amount", 6);
+  WriteFileBytes(path, bytes);
+  for (int pass = 0; pass < 2; ++pass) {
+    int32_t h = Open(path, DB_DIALECT_FOXPRO);
+    char name[12] = {};
+    ASSERT_EQ(DBGetFieldName(h, name, 0), 0);
+    EXPECT_EQ(std::string(name), big5) << pass;
+    ASSERT_EQ(DBGetFieldName(h, name, 1), 0);
+    EXPECT_EQ(std::string(name), "amount") << pass;
+    DBFIELD described[3] = {};
+    int32_t widest = 0;
+    ASSERT_EQ(DBGetFileDescription(h, &widest, described), 0);
+    EXPECT_EQ(std::string(described[0].name), big5);
+    EXPECT_EQ(described[2].type, 'G');
+    int32_t n = -1;
+    EXPECT_EQ(R(DBGetFieldNumber(h, &n, big5.c_str()), n), "0 0");
+    for (const char* spelling : {"AMOUNT", "Amount", "amount"}) {
+      EXPECT_EQ(R(DBGetFieldNumber(h, &n, spelling), n), "0 1") << spelling;
+    }
+    // A byte above 0x7F compares exactly: no case folding of other code pages.
+    std::string other = big5;
+    other[0] = '\xCF';
+    EXPECT_EQ(DBGetFieldNumber(h, &n, other.c_str()), DB_ERR_FIELD_NAME);
+    // A G field reads and writes its memo reference as M does.
+    uint32_t block = 42, back = 0;
+    ASSERT_EQ(DBPutFieldData(h, 2, &block), 0);
+    EXPECT_EQ(R(DBGetFieldData(h, 2, &back), back), "0 42");
+    int32_t recno = 0;
+    ASSERT_EQ(DBPutRecord(h, &recno, DB_RECORD_APPEND), 0);
+    if (pass == 0) {
+      ASSERT_EQ(DBPackFile(&h), 0);  // the packed table keeps the names
+    }
+    ASSERT_EQ(DBCloseFile(h), 0);
+  }
+}
+
 }  // namespace
 }  // namespace kestrel::test

@@ -109,10 +109,10 @@ TEST_F(HostileFilesTest, RandomHeaderDamageNeverCrashes) {
     ++opened;
     DBRECORDINFO info{};
     DBGetRecordInfo(h, &info);
-    int32_t count = 0;
+    uint32_t count = 0;
     DBGetRecordCount(h, &count);
     std::vector<uint8_t> out(70000);
-    for (int32_t r = 1; r <= std::min(count, 50); ++r) {
+    for (int32_t r = 1; r <= static_cast<int32_t>(std::min(count, 50u)); ++r) {
       if (DBGetRecord(h, r) < 0) continue;
       for (int32_t f = 0; f < info.field_count; ++f) {
         DBGetFieldData(h, f, out.data());
@@ -200,9 +200,9 @@ TEST_F(HostileFilesTest, DamagedReuseChainsNeitherHangNorWriteOutside) {
   EXPECT_EQ(DBMarkRecordActive(h, 2), 0);
   EXPECT_EQ(DBPutRecord(h, &r, DB_RECORD_APPEND), 0);
   EXPECT_EQ(r, 1);
-  int32_t count = 0;
+  uint32_t count = 0;
   DBGetRecordCount(h, &count);
-  EXPECT_EQ(count, 3);
+  EXPECT_EQ(count, 3u);
   DBCloseFile(h);
   ExpectNothingOpen();
 }

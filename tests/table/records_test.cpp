@@ -120,9 +120,9 @@ TEST_F(RecordsTest, RandomOperationsMatchAModel) {
       h = Open(path_, 1 | mode);
       for (size_t i = 0; i < model.size(); ++i) ASSERT_EQ(Read(h, i + 1), model[i]) << i;
     }
-    int32_t count = 0;
+    uint32_t count = 0;
     ASSERT_EQ(DBGetRecordCount(h, &count), 0);
-    EXPECT_EQ(count, static_cast<int32_t>(model.size()));
+    EXPECT_EQ(count, model.size());
     ASSERT_EQ(DBCloseFile(h), 0);
 
     std::vector<uint8_t> b = ReadFileBytes(path_);

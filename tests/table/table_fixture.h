@@ -28,7 +28,7 @@ class TableTest : public LibraryTest {
   // Every slot free and no library memory beyond what was live at SetUp.
   void ExpectNothingOpen() {
     EXPECT_EQ(kestrel::testing::LiveAllocations(), live_at_start_);
-    int32_t h = -1;
+    uint32_t h = 0;
     EXPECT_EQ(DBGetRecordCount(0, &h), DB_ERR_INVALID_HANDLE);
   }
 

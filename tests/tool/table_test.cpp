@@ -5,6 +5,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <regex>
 #include <sstream>
 
@@ -60,7 +61,7 @@ TEST_F(TableToolTest, InfoShowsHeaderAndFields) {
 }
 
 TEST_F(TableToolTest, JsonDumpMatchesTheRecords) {
-  ProcessResult r = RunTool({"dump", "--format", "json", table_});
+  ProcessResult r = RunTool({"dump", "--format", "json", "--memo-blocks", table_});
   ASSERT_EQ(r.exit_code, 0) << r.err;
   std::vector<std::string> lines = Lines(r.out);
   std::vector<Json> want = Expected();
@@ -108,7 +109,7 @@ TEST_F(TableToolTest, JsonDumpMatchesTheRecords) {
 }
 
 TEST_F(TableToolTest, CsvDumpHasHeaderAndOneLinePerRecord) {
-  ProcessResult r = RunTool({"dump", table_});
+  ProcessResult r = RunTool({"dump", "--memo-blocks", table_});
   ASSERT_EQ(r.exit_code, 0) << r.err;
   std::vector<std::string> lines = Lines(r.out);
   ASSERT_EQ(lines.size(), 51u);
@@ -119,31 +120,102 @@ TEST_F(TableToolTest, CsvDumpHasHeaderAndOneLinePerRecord) {
   EXPECT_EQ(lines[7].substr(0, 7), "7,true,");
 }
 
-// A dBASE IV N20 field holds whole numbers beyond 64-bit integers: JSON
-// prints them as floating-point numbers, small ones as integers.
-TEST_F(TableToolTest, JsonDumpOfWideNumbers) {
+// Numbers are exported as the digits stored, never through a double: an
+// N(20) holds more digits than a double keeps.
+TEST_F(TableToolTest, NumbersKeepTheirStoredDigits) {
   const std::string path = dir_.File("wide.dbf");
   ASSERT_GE(DBInitialize(16, 0), 0);
-  DBFIELD fields[2] = {Field("BIG", 'N', 20), Field("SMALL", 'N', 5)};
-  ASSERT_EQ(DBCreateFile(path.c_str(), 2, fields, DB_DIALECT_DBASE4), 0);
+  DBFIELD fields[3] = {};
+  std::snprintf(fields[0].name, sizeof fields[0].name, "BIG");
+  fields[0].type = 'N';
+  fields[0].length = 20;
+  std::snprintf(fields[1].name, sizeof fields[1].name, "FINE");
+  fields[1].type = 'N';
+  fields[1].length = 20;
+  fields[1].decimals = 18;
+  std::snprintf(fields[2].name, sizeof fields[2].name, "SMALL");
+  fields[2].type = 'F';
+  fields[2].length = 8;
+  fields[2].decimals = 2;
+  ASSERT_EQ(DBCreateFile(path.c_str(), 3, fields, DB_DIALECT_DBASE4), 0);
   int32_t h = -1;
   ASSERT_EQ(DBOpenFile(&h, path.c_str(), DB_DIALECT_DBASE4), 0);
-  const double big = 12345678901234567890.0;
-  const double small = -42;
-  ASSERT_EQ(DBPutFieldData(h, 0, &big), 0);
-  ASSERT_EQ(DBPutFieldData(h, 1, &small), 0);
-  int32_t recno = 0;
-  ASSERT_EQ(DBPutRecord(h, &recno, DB_RECORD_APPEND), 0);
+  // The stored texts, as this or another program wrote them, and what CSV
+  // and JSON must show.
+  struct Row {
+    const char* big;
+    const char* fine;
+    const char* small;
+    const char* want;  // BIG,FINE,SMALL as CSV; JSON has the same number texts
+  } rows[] = {
+      {"12345678901234567890", "1.234567890123460000", "   -0.50",
+       "12345678901234567890,1.234567890123460000,-0.50"},
+      {"-1234567890123456789", "0.000000000000000001", "   +7.25",
+       "-1234567890123456789,0.000000000000000001,7.25"},
+      {"00000000000000000042", "   .5               ", "-.5     ", "42,0.5,-0.5"},
+      {"   9007199254740993 ", "-0.000000000000000000", "1.5E+03 ",
+       "9007199254740993,-0.000000000000000000,1.5e+03"},
+  };
+  for (const Row& row : rows) {
+    ASSERT_GE(DBPutStrField(h, 0, row.big), 0);
+    ASSERT_GE(DBPutStrField(h, 1, row.fine), 0);
+    ASSERT_GE(DBPutStrField(h, 2, row.small), 0);
+    int32_t recno = 0;
+    ASSERT_EQ(DBPutRecord(h, &recno, DB_RECORD_APPEND), 0);
+  }
   ASSERT_EQ(DBCloseFile(h), 0);
   DBTerminate();
 
-  ProcessResult r = RunTool({"dump", "--format", "json", path});
-  ASSERT_EQ(r.exit_code, 0) << r.err;
-  Json got = Json::parse(r.out);
-  ASSERT_TRUE(got["fields"]["BIG"].is_number_float()) << r.out;
-  EXPECT_TRUE(SameValue(got["fields"]["BIG"], big)) << r.out;
-  EXPECT_TRUE(got["fields"]["SMALL"].is_number_integer()) << r.out;
-  EXPECT_EQ(got["fields"]["SMALL"], -42) << r.out;
+  ProcessResult csv = RunTool({"dump", path});
+  ASSERT_EQ(csv.exit_code, 0) << csv.err;
+  ProcessResult json = RunTool({"dump", "--format", "json", path});
+  ASSERT_EQ(json.exit_code, 0) << json.err;
+  std::vector<std::string> csv_lines = Lines(csv.out), json_lines = Lines(json.out);
+  ASSERT_EQ(csv_lines.size(), std::size(rows) + 1);
+  ASSERT_EQ(json_lines.size(), std::size(rows));
+  for (size_t i = 0; i < std::size(rows); ++i) {
+    const std::string want = rows[i].want;
+    EXPECT_EQ(csv_lines[i + 1], std::to_string(i + 1) + ",false," + want);
+    std::vector<std::string> numbers;
+    std::istringstream parts(want);
+    for (std::string part; std::getline(parts, part, ',');) numbers.push_back(part);
+    const std::string json_want = "\"fields\":{\"BIG\":" + numbers[0] + ",\"FINE\":" + numbers[1] +
+                                  ",\"SMALL\":" + numbers[2] + "}";
+    EXPECT_NE(json_lines[i].find(json_want), std::string::npos) << json_lines[i];
+    EXPECT_NO_THROW(Json::parse(json_lines[i])) << json_lines[i];
+  }
+}
+
+// A header that claims more records than the file holds (up to 2^32 - 1,
+// past what a signed count can show): every command says so and reads the
+// records that are there; nothing prints -1 or an empty success.
+TEST_F(TableToolTest, RecordCountsTheFileCannotHold) {
+  for (uint32_t claimed : {51u, 0x80000000u, 0xFFFFFFFFu}) {
+    std::vector<uint8_t> bytes = ReadFileBytes(table_);
+    for (int i = 0; i < 4; ++i) bytes[4 + i] = static_cast<uint8_t>(claimed >> (8 * i));
+    const std::string path = dir_.File("claims.dbf");
+    WriteFileBytes(path, bytes);
+    const std::string what = "claimed " + std::to_string(claimed);
+
+    ProcessResult info = RunTool({"info", path});
+    EXPECT_EQ(info.exit_code, 0) << what << info.err;
+    EXPECT_NE(info.out.find("records:          " + std::to_string(claimed) + " (readable: 50)\n"),
+              std::string::npos)
+        << what << info.out;
+    EXPECT_NE(info.err.find("the file holds 50"), std::string::npos) << what << info.err;
+
+    for (const char* format : {"csv", "json"}) {
+      ProcessResult dump = RunTool({"dump", "--memo-blocks", "--format", format, path});
+      EXPECT_EQ(dump.exit_code, 1) << what;
+      EXPECT_EQ(Lines(dump.out).size(), std::string(format) == "csv" ? 51u : 50u) << what;
+      EXPECT_NE(dump.err.find("only 50 of the " + std::to_string(claimed)), std::string::npos)
+          << what << dump.err;
+    }
+
+    ProcessResult locks = RunProcess({ToolPath(), "locks", path}, 20);
+    EXPECT_EQ(locks.exit_code, 0) << what << locks.err;
+    EXPECT_NE(locks.out.find(", 50 records,"), std::string::npos) << what << locks.out;
+  }
 }
 
 TEST_F(TableToolTest, ErrorsPrintTheLibraryMessageAndExitOne) {
@@ -158,6 +230,28 @@ TEST_F(TableToolTest, ErrorsPrintTheLibraryMessageAndExitOne) {
   EXPECT_NE(wrong.err.find("ERROR - invalid dBaseIII version (-218)"), std::string::npos)
       << wrong.err;
   EXPECT_TRUE(wrong.out.empty());
+
+  // Tables of other families are refused with what they are, not with the
+  // engine's dBASE III message.
+  struct Foreign {
+    size_t offset;
+    uint8_t byte;
+    const char* says;
+  } foreign[] = {
+      {0, 0x30, "a Visual FoxPro table (0x30): not supported (-218)"},
+      {0, 0x8C, "a dBASE 7 table (0x8C): not supported (-218)"},
+      {32 + 2 * 32 + 11, '+', "field AGE has type '+' (autoincrement): not supported (-231)"},
+  };
+  for (const Foreign& f : foreign) {
+    std::vector<uint8_t> bytes = ReadFileBytes(table_);
+    bytes[f.offset] = f.byte;
+    const std::string path = dir_.File("foreign.dbf");
+    WriteFileBytes(path, bytes);
+    ProcessResult r = RunTool({"info", path});
+    EXPECT_EQ(r.exit_code, 1) << f.says;
+    EXPECT_NE(r.err.find(f.says), std::string::npos) << r.err;
+    EXPECT_EQ(r.err.find("dBaseIII"), std::string::npos) << r.err;
+  }
 }
 
 }  // namespace

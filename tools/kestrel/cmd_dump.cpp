@@ -20,6 +20,7 @@ struct DumpOptions {
   std::string format = "csv";
   DialectOption dialect;
   ValueOptions values;
+  bool memo_blocks = false;  // memo fields as block numbers, memo file unread
 };
 
 std::string FormatNumber(const FieldValue& value) {
@@ -30,6 +31,31 @@ std::string FormatNumber(const FieldValue& value) {
     std::snprintf(text, sizeof text, "%.17g", value.number);
   }
   return text;
+}
+
+std::string Base64(const std::string& bytes) {
+  static const char kAlphabet[] =
+      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  std::string out;
+  out.reserve((bytes.size() + 2) / 3 * 4);
+  size_t i = 0;
+  for (; i + 2 < bytes.size(); i += 3) {
+    uint32_t n = static_cast<uint8_t>(bytes[i]) << 16 | static_cast<uint8_t>(bytes[i + 1]) << 8 |
+                 static_cast<uint8_t>(bytes[i + 2]);
+    out += kAlphabet[n >> 18];
+    out += kAlphabet[(n >> 12) & 63];
+    out += kAlphabet[(n >> 6) & 63];
+    out += kAlphabet[n & 63];
+  }
+  if (i < bytes.size()) {
+    uint32_t n = static_cast<uint8_t>(bytes[i]) << 16;
+    if (i + 1 < bytes.size()) n |= static_cast<uint8_t>(bytes[i + 1]) << 8;
+    out += kAlphabet[n >> 18];
+    out += kAlphabet[(n >> 12) & 63];
+    out += i + 1 < bytes.size() ? kAlphabet[(n >> 6) & 63] : '=';
+    out += '=';
+  }
+  return out;
 }
 
 // RFC 4180 quoting: only when the text holds a separator, quote or line break.
@@ -50,6 +76,10 @@ std::string CsvValue(const FieldValue& value) {
       return "";
     case FieldValue::kText:
       return CsvField(value.text);
+    case FieldValue::kBytes:
+      return CsvField(value.text);
+    case FieldValue::kDigits:
+      return value.text;
     case FieldValue::kNumber:
       return FormatNumber(value);
     case FieldValue::kInteger:
@@ -60,24 +90,27 @@ std::string CsvValue(const FieldValue& value) {
   return "";
 }
 
-nlohmann::ordered_json JsonValue(const FieldValue& value) {
+// The JSON text of a value.  Numbers stored as text are written from their
+// digits, so that no digit is lost to a double on the way.
+std::string JsonValue(const FieldValue& value) {
   switch (value.kind) {
     case FieldValue::kNull:
-      return nullptr;
+      return "null";
     case FieldValue::kText:
-      return Latin1ToUtf8(value.text);
+      return nlohmann::json(Latin1ToUtf8(value.text)).dump();
+    case FieldValue::kBytes:
+      return nlohmann::json{{"base64", Base64(value.text)}}.dump();
+    case FieldValue::kDigits:
+      return value.text;
     case FieldValue::kNumber:
-      // Whole numbers print as integers while they fit one (N fields reach 20 digits).
-      if (value.decimals == 0 && std::fabs(value.number) < 9.0e18) {
-        return static_cast<int64_t>(value.number);
-      }
-      return value.number;
+      if (!std::isfinite(value.number)) return "null";
+      return nlohmann::json(value.number).dump();
     case FieldValue::kInteger:
-      return value.integer;
+      return std::to_string(value.integer);
     case FieldValue::kBool:
-      return value.flag;
+      return value.flag ? "true" : "false";
   }
-  return nullptr;
+  return "null";
 }
 
 void RunDump(const DumpOptions& options) {
@@ -85,24 +118,41 @@ void RunDump(const DumpOptions& options) {
   SetUpDateStyle();
   const bool csv = options.format == "csv";
   const auto& fields = table.fields();
-  // Memo fields show their text when the table's memo file is there, else
-  // their block numbers.
+  // Memo fields show their memo; without the memo file (or with one the
+  // table cannot read) that is an error as soon as a record points into it,
+  // unless block numbers were asked for.
   MemoReader memos;
-  for (const DBFIELD& field : fields) {
-    if ((field.type & 0xFF) == 'M') {
-      memos.Open(options.path, table.dialect());
-      break;
-    }
+  int32_t memo_status = 0;
+  bool has_memo_fields = false;
+  for (const DBFIELD& field : fields) has_memo_fields = has_memo_fields || IsMemoField(field.type);
+  if (has_memo_fields && !options.memo_blocks) {
+    memo_status = memos.Open(options.path, table.dialect());
   }
   auto value_of = [&](size_t i) {
     FieldValue value = ReadFieldValue(table, static_cast<int>(i), options.values);
-    if ((fields[i].type & 0xFF) == 'M' && memos.is_open()) {
-      std::string text;
-      int32_t rc = memos.ReadField(table.handle(), static_cast<int32_t>(i), &text);
-      if (rc < 0) FailWithStatus("memo of field " + std::string(fields[i].name), rc);
-      value.kind = text.empty() ? FieldValue::kNull : FieldValue::kText;
-      value.text = text;
+    if (!IsMemoField(fields[i].type) || options.memo_blocks || value.kind == FieldValue::kNull) {
+      return value;
     }
+    const std::string field_name = fields[i].name;
+    if (!memos.is_open()) {
+      if (memos.path().empty()) {
+        FailWithMessage(options.path + ": field " + field_name +
+                        " points into a memo file that is not there (looked for " +
+                        FindMemoFileNames(options.path, table.dialect()) +
+                        "); --memo-blocks prints the block numbers");
+      }
+      std::cerr << "kestrel: the memo file " << memos.path() << " cannot be read with "
+                << options.path << "; --memo-blocks prints the block numbers\n";
+      FailWithStatus("memo file " + memos.path(), memo_status);
+    }
+    std::string bytes;
+    bool picture = false;
+    int32_t rc = memos.ReadField(table.handle(), static_cast<int32_t>(i), &bytes, &picture);
+    if (rc < 0) FailWithStatus("memo of field " + field_name, rc);
+    value.kind = bytes.empty()                                  ? FieldValue::kNull
+                 : IsBinaryMemo(bytes, picture, fields[i].type) ? FieldValue::kBytes
+                                                                : FieldValue::kText;
+    value.text = std::move(bytes);
     return value;
   };
   std::ios::sync_with_stdio(false);
@@ -111,26 +161,43 @@ void RunDump(const DumpOptions& options) {
     for (const DBFIELD& field : fields) std::cout << ',' << CsvField(field.name);
     std::cout << '\n';
   }
+  // Each row is built whole before any of it is written, so that a failure
+  // in the middle of a record leaves no half row behind.
+  std::string row;
   for (int32_t recno = 1; recno <= table.record_count(); ++recno) {
     int32_t rc = DBGetRecord(table.handle(), recno);
-    if (rc < 0) FailWithStatus("record " + std::to_string(recno), rc);
-    const bool deleted = rc == DB_WARN_RECORD_DELETED;
-    if (csv) {
-      std::cout << recno << ',' << (deleted ? "true" : "false");
-      for (size_t i = 0; i < fields.size(); ++i) {
-        std::cout << ',' << CsvValue(value_of(i));
-      }
-      std::cout << '\n';
-    } else {
-      nlohmann::ordered_json values = nlohmann::ordered_json::object();
-      for (size_t i = 0; i < fields.size(); ++i) {
-        values[Latin1ToUtf8(fields[i].name)] = JsonValue(value_of(i));
-      }
-      nlohmann::ordered_json line = {{"recno", recno}, {"deleted", deleted}, {"fields", values}};
-      std::cout << line.dump() << '\n';
+    if (rc < 0) {
+      std::cout.flush();
+      FailWithStatus("record " + std::to_string(recno), rc);
     }
+    const bool deleted = rc == DB_WARN_RECORD_DELETED;
+    row.clear();
+    try {
+      if (csv) {
+        row += std::to_string(recno) + (deleted ? ",true" : ",false");
+        for (size_t i = 0; i < fields.size(); ++i) row += ',' + CsvValue(value_of(i));
+      } else {
+        row += "{\"recno\":" + std::to_string(recno) +
+               (deleted ? ",\"deleted\":true" : ",\"deleted\":false") + ",\"fields\":{";
+        for (size_t i = 0; i < fields.size(); ++i) {
+          if (i > 0) row += ',';
+          row += nlohmann::json(Latin1ToUtf8(fields[i].name)).dump() + ':' + JsonValue(value_of(i));
+        }
+        row += "}}";
+      }
+    } catch (...) {
+      std::cout.flush();  // the rows before this one stay whole
+      throw;
+    }
+    row += '\n';
+    std::cout << row;
   }
   std::cout.flush();
+  if (table.short_file()) {
+    FailWithMessage(options.path + ": only " + std::to_string(table.record_count()) + " of the " +
+                    std::to_string(table.header_record_count()) +
+                    " records the header claims were dumped");
+  }
 }
 
 CommandRegistration reg{
@@ -142,6 +209,8 @@ CommandRegistration reg{
           ->check(CLI::IsMember({"csv", "json"}));
       cmd->add_flag("--keep-blanks", options->values.keep_blanks,
                     "Keep the trailing blanks of character fields");
+      cmd->add_flag("--memo-blocks", options->memo_blocks,
+                    "Print memo fields as their block numbers and leave the memo file unread");
       AddDialectOption(cmd, &options->dialect);
       cmd->callback([options] { RunDump(*options); });
     }};

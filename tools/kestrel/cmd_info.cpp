@@ -57,7 +57,9 @@ void RunInfo(const std::string& path, const DialectOption& dialect) {
             << (dialect.value < 0 ? ", guessed from the version byte" : "") << "\n";
   std::cout << "version byte:     " << version << "\n";
   std::cout << "last update:      " << last_update << "\n";
-  std::cout << "records:          " << table.record_count() << "\n";
+  std::cout << "records:          " << table.header_record_count();
+  if (table.short_file()) std::cout << " (readable: " << table.record_count() << ")";
+  std::cout << "\n";
   std::cout << "header length:    " << (facts ? facts->header_length : 0) << "\n";
   std::cout << "record length:    " << table.record_length() << "\n";
   std::cout << "memo field:       " << (info.has_memo ? "yes" : "no") << "\n";

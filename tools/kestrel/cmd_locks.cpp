@@ -212,13 +212,17 @@ void RunLocks(const std::string& path, const DialectOption& option, const std::s
   if (fd < 0) FailToOpen(path, DB_OPEN_READONLY | DB_OPEN_SHARED, DB_ERR_OPEN);
   struct stat st {};
   ::fstat(fd, &st);
-  if ((dialect == 5 || dialect == 6) && header->record_length > 0) {
+  const uint32_t in_file = RecordsInFile(static_cast<uint64_t>(st.st_size), header->header_length,
+                                         header->record_length);
+  if (dialect == 5 || dialect == 6) {
     // These programs count the whole records in the file.
-    uint64_t size = static_cast<uint64_t>(st.st_size);
-    header->count =
-        size > header->header_length
-            ? static_cast<uint32_t>((size - header->header_length) / header->record_length)
-            : 0;
+    header->count = in_file;
+  } else if (header->count > in_file) {
+    // Probing records the file does not hold would take minutes for a
+    // damaged count near 2^32 and tell nothing.
+    Warn(path + ": the header claims " + std::to_string(header->count) +
+         " records, the file holds " + std::to_string(in_file) + "; probing those");
+    header->count = in_file;
   }
   if (records.empty()) last = header->count;
 

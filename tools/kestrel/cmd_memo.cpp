@@ -1,4 +1,5 @@
-// kestrel memo TABLE FIELD RECNO: one memo, printed raw.
+// kestrel memo TABLE FIELD RECNO: one memo, printed raw: every byte of it,
+// at any length.
 #include <cstdlib>
 #include <iostream>
 #include <memory>
@@ -35,7 +36,7 @@ int32_t ResolveField(const OpenTable& table, const std::string& field) {
 void RunMemo(const MemoOptions& options) {
   OpenTable table(options.table, options.dialect.value);
   int32_t field = ResolveField(table, options.field);
-  if ((table.fields()[field].type & 0xFF) != 'M') {
+  if (!IsMemoField(table.fields()[field].type)) {
     FailWithStatus("field " + options.field + " is not a memo field", DB_ERR_FIELD_TYPE);
   }
   int32_t rc = DBGetRecord(table.handle(), options.recno);

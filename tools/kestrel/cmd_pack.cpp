@@ -155,7 +155,7 @@ void RunPack(const PackOptions& o) {
   int32_t handle = -1;
   int32_t rc = DBOpenFile(&handle, path.c_str(), dialect);
   if (rc < 0) FailToOpen(path, dialect, rc);
-  int32_t before = 0;
+  uint32_t before = 0;
   rc = DBGetRecordCount(handle, &before);
   if (rc < 0) {
     DBCloseFile(handle);
@@ -168,7 +168,7 @@ void RunPack(const PackOptions& o) {
     if (handle >= 0) DBCloseFile(handle);
     FailWithStatus("cannot pack " + path, rc);
   }
-  int32_t after = 0;
+  uint32_t after = 0;
   rc = DBGetRecordCount(handle, &after);
   if (rc < 0) {
     DBCloseFile(handle);

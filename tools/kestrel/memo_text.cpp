@@ -39,7 +39,8 @@ bool IsFptDialect(int dialect) { return dialect == 4 || dialect == 8; }
 
 }  // namespace
 
-std::string FindMemoFile(const std::string& table_path, int dialect) {
+namespace {
+std::vector<std::string> MemoFileCandidates(const std::string& table_path, int dialect) {
   bool lower = LowerCaseExtension(table_path);
   std::vector<std::string> exts;
   if (IsFptDialect(dialect)) {
@@ -49,14 +50,28 @@ std::string FindMemoFile(const std::string& table_path, int dialect) {
   } else {
     exts = {".DBT"};
   }
+  std::vector<std::string> names;
   for (const std::string& ext : exts) {
-    for (bool case_ : {lower, !lower}) {
-      std::string candidate = WithExtension(table_path, ext, case_);
-      std::error_code ec;
-      if (std::filesystem::is_regular_file(candidate, ec)) return candidate;
-    }
+    for (bool case_ : {lower, !lower}) names.push_back(WithExtension(table_path, ext, case_));
+  }
+  return names;
+}
+}  // namespace
+
+std::string FindMemoFile(const std::string& table_path, int dialect) {
+  for (const std::string& candidate : MemoFileCandidates(table_path, dialect)) {
+    std::error_code ec;
+    if (std::filesystem::is_regular_file(candidate, ec)) return candidate;
   }
   return "";
+}
+
+std::string FindMemoFileNames(const std::string& table_path, int dialect) {
+  std::string out;
+  for (const std::string& candidate : MemoFileCandidates(table_path, dialect)) {
+    out += (out.empty() ? "" : ", ") + candidate;
+  }
+  return out;
 }
 
 MemoReader::~MemoReader() {
@@ -80,36 +95,38 @@ int32_t MemoReader::Open(const std::string& table_path, int dialect) {
   return DBxbOpenMemo(&handle_, path_.c_str(), switches | memo_dialect);
 }
 
-int32_t MemoReader::Read(uint32_t block, std::string* text) {
-  text->clear();
+int32_t MemoReader::Read(uint32_t block, std::string* bytes, bool* picture) {
+  bytes->clear();
+  if (picture) *picture = false;
   if (block == 0) return 0;
   if (handle_ < 0) return DBSetErrorCode(DB_ERR_INVALID_HANDLE);
-  if (fpt_) {
-    uint32_t length = 0;
-    int32_t type = 0;
-    int32_t rc = DBfpGetMemoType(handle_, block, &length, &type);
-    if (rc < 0) return rc;
-    char* data = nullptr;
-    rc = DBfpGetMemoRecord(handle_, block, &data, length, 0);
-    if (rc < 0) return rc;
-    text->assign(data, length);
-    return 0;
-  }
   char* data = nullptr;
-  int32_t rc = DBxbGetMemoRecord(handle_, block, &data, DB_MEMO_RAW);
+  uint32_t length = 0;
+  int32_t type = DB_FPT_TYPE_TEXT;
+  int32_t rc = fpt_ ? DBfpGetMemoBytes(handle_, block, &data, &length, &type)
+                    : DBxbGetMemoBytes(handle_, block, &data, &length);
   if (rc < 0) return rc;
-  text->assign(data);
+  bytes->assign(data, length);
   DBFreeMemory(data);
+  if (picture) *picture = type == DB_FPT_TYPE_PICTURE;
   return 0;
 }
 
-int32_t MemoReader::ReadField(int32_t table_handle, int32_t field, std::string* text) {
-  text->clear();
+int32_t MemoReader::ReadField(int32_t table_handle, int32_t field, std::string* bytes,
+                              bool* picture) {
+  bytes->clear();
+  if (picture) *picture = false;
   uint32_t block = 0;
   int32_t rc = DBGetFieldData(table_handle, field, &block);
   if (rc < 0) return rc;
   if (rc == DB_WARN_FIELD_EMPTY) return 0;
-  return Read(block, text);
+  return Read(block, bytes, picture);
+}
+
+bool IsMemoField(int32_t type) { return (type & 0xFF) == 'M' || (type & 0xFF) == 'G'; }
+
+bool IsBinaryMemo(const std::string& bytes, bool picture, int32_t field_type) {
+  return picture || (field_type & 0xFF) == 'G' || bytes.find('\0') != std::string::npos;
 }
 
 }  // namespace kestrel::tool

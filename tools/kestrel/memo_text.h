@@ -12,12 +12,22 @@
 
 namespace kestrel::tool {
 
+// Whether a field type holds memo references: M, and G (general) in the
+// FoxPro dialects.
+bool IsMemoField(int32_t type);
+
+// Whether memo bytes are binary data rather than text: marked as a picture
+// by the file, a G field's, or holding a zero byte.
+bool IsBinaryMemo(const std::string& bytes, bool picture, int32_t field_type);
+
 // The memo file of a table: the table's name with the extension replaced,
 // ".FPT" for the FoxPro dialects (4, 8), ".DBT" for the others (FoxBase, 3,
 // tries ".FBT" first).  The new extension takes the letter case of the
 // table's; when that name does not exist the other case is tried.  Returns
 // the first candidate that exists, or "" when none does.
 std::string FindMemoFile(const std::string& table_path, int dialect);
+// The names FindMemoFile tries, comma-separated, for messages.
+std::string FindMemoFileNames(const std::string& table_path, int dialect);
 
 class MemoReader {
  public:
@@ -33,12 +43,15 @@ class MemoReader {
   const std::string& path() const { return path_; }
   bool is_fpt() const { return fpt_; }
 
-  // The memo at block, raw (soft line breaks kept); block 0 is an empty
-  // text.  Returns the library status.
-  int32_t Read(uint32_t block, std::string* text);
+  // The memo at block, every byte of it at any length (soft line breaks
+  // kept); block 0 is empty.  *picture (when given) tells a memo the file
+  // marks as binary (an FPT picture memo).  Returns the library status.
+  int32_t Read(uint32_t block, std::string* bytes, bool* picture = nullptr);
   // The memo that field `field` (0-based) of the table's current record
-  // points to; a blank field is an empty text.
-  int32_t ReadField(int32_t table_handle, int32_t field, std::string* text);
+  // points to; a blank field is empty.  A field holding no block number is
+  // an error (-206), never some other memo.
+  int32_t ReadField(int32_t table_handle, int32_t field, std::string* bytes,
+                    bool* picture = nullptr);
 
  private:
   int32_t handle_ = -1;

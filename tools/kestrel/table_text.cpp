@@ -2,9 +2,14 @@
 // field values in text form.
 #include "table_text.h"
 
+#include <cctype>
+#include <climits>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
+#include <iostream>
+#include <utility>
 
 namespace kestrel::tool {
 
@@ -13,11 +18,15 @@ namespace {
 // Offsets of the table header facts the tool shows.
 constexpr size_t kHeaderSize = 32;
 constexpr size_t kVersionOffset = 0;
+constexpr size_t kRecordCountOffset = 4;
 constexpr size_t kHeaderLengthOffset = 8;
 constexpr size_t kRecordLengthOffset = 10;
 constexpr size_t kCodePageOffset = 29;
 
 uint16_t Load16(const unsigned char* p) { return static_cast<uint16_t>(p[0] | (p[1] << 8)); }
+uint32_t Load32(const unsigned char* p) {
+  return static_cast<uint32_t>(Load16(p)) | static_cast<uint32_t>(Load16(p + 2)) << 16;
+}
 
 std::string Hex(const unsigned char* bytes, size_t n) {
   static const char kDigits[] = "0123456789abcdef";
@@ -42,11 +51,85 @@ std::optional<TableHeaderFacts> ReadHeaderFacts(const std::string& path) {
   if (!in.read(reinterpret_cast<char*>(header), kHeaderSize)) return std::nullopt;
   TableHeaderFacts facts;
   facts.version = header[kVersionOffset];
+  facts.record_count = Load32(header + kRecordCountOffset);
   facts.header_length = Load16(header + kHeaderLengthOffset);
   facts.record_length = Load16(header + kRecordLengthOffset);
   facts.code_page = header[kCodePageOffset];
   return facts;
 }
+
+uint32_t RecordsInFile(uint64_t file_size, uint32_t header_length, uint32_t record_length) {
+  if (record_length == 0 || file_size <= header_length) return 0;
+  uint64_t records = (file_size - header_length) / record_length;
+  return records > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(records);
+}
+
+// Field types of other table families, with what they hold.
+constexpr std::pair<unsigned char, const char*> kForeignTypes[] = {
+    {'+', "autoincrement"}, {'@', "timestamp"}, {'O', "double"},           {'I', "integer"},
+    {'Y', "currency"},      {'T', "datetime"},  {'B', "binary or double"}, {'V', "varchar"},
+    {'Q', "varbinary"},     {'W', "blob"},      {'G', "general"},          {'P', "picture"},
+    {'0', "null flags"}};
+
+std::string DescribeUnsupportedTable(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  unsigned char header[kHeaderSize];
+  if (!in.read(reinterpret_cast<char*>(header), kHeaderSize)) return "";
+  const uint8_t version = header[kVersionOffset];
+  const char* family = nullptr;
+  switch (version) {
+    case 0x02:
+    case 0xFB:
+      family = "a dBASE II or FoxBASE table";
+      break;
+    case 0x30:
+    case 0x31:
+    case 0x32:
+      family = "a Visual FoxPro table";
+      break;
+    case 0x04:
+    case 0x44:
+    case 0x8C:
+    case 0xCC:
+      family = "a dBASE 7 table";
+      break;
+    case 0x43:
+    case 0x63:
+    case 0xCB:
+    case 0xE3:
+      family = "a dBASE IV SQL table";
+      break;
+    default:
+      break;
+  }
+  char hex[8];
+  std::snprintf(hex, sizeof hex, "0x%02X", version);
+  if (family) return std::string(family) + " (" + hex + ")";
+  // Field types of other families in a header of a known one.
+  const uint16_t header_length = Load16(header + kHeaderLengthOffset);
+  for (uint32_t at = kHeaderSize; at + kHeaderSize <= header_length; at += kHeaderSize) {
+    unsigned char d[kHeaderSize];
+    if (!in.read(reinterpret_cast<char*>(d), kHeaderSize) || d[0] == 0x0D) break;
+    const unsigned char type = d[11];
+    const char* meaning = nullptr;
+    for (const auto& [code, name] : kForeignTypes) {
+      if (code == type) meaning = name;
+    }
+    if (!meaning) continue;
+    std::string name(reinterpret_cast<const char*>(d),
+                     strnlen(reinterpret_cast<const char*>(d), 11));
+    return std::string("a ") + hex + " table whose field " + name + " has type '" +
+           static_cast<char>(type) + "' (" + meaning + ")";
+  }
+  return "";
+}
+
+void FailWithMessage(const std::string& message) {
+  std::cerr << "kestrel: " << message << "\n";
+  throw CLI::RuntimeError(1);
+}
+
+void Warn(const std::string& message) { std::cerr << "kestrel: warning: " << message << "\n"; }
 
 int GuessDialect(uint8_t version) {
   switch (version) {
@@ -74,6 +157,15 @@ OpenTable::OpenTable(const std::string& path, int dialect) : dialect_(dialect) {
   // Read-only and shared: reading never keeps others from the table.
   const int32_t mode = dialect_ | DB_OPEN_READONLY | DB_OPEN_SHARED;
   int32_t rc = DBOpenFile(&handle_, path.c_str(), mode);
+  if (rc == DB_ERR_VERSION || rc == DB_ERR_FIELD_TYPE) {
+    // The engine's message names the dBASE III version whatever the file
+    // is; say what the file is when the tool can tell.
+    std::string what = DescribeUnsupportedTable(path);
+    if (!what.empty()) {
+      FailWithMessage("cannot open " + path + ": " + what + ": not supported (" +
+                      std::to_string(rc) + ")");
+    }
+  }
   if (rc < 0) FailToOpen(path, mode, rc);
   DBRECORDINFO info{};
   rc = DBGetRecordInfo(handle_, &info);
@@ -83,11 +175,34 @@ OpenTable::OpenTable(const std::string& path, int dialect) : dialect_(dialect) {
     int32_t widest = 0;
     if (!fields_.empty()) rc = DBGetFileDescription(handle_, &widest, fields_.data());
   }
-  if (rc >= 0) rc = DBGetRecordCount(handle_, &record_count_);
+  if (rc >= 0) rc = DBGetRecordCount(handle_, &header_record_count_);
   if (rc < 0) {
     DBCloseFile(handle_);
     FailWithStatus("cannot describe " + path, rc);
   }
+  // A header may claim more records than the file holds (a damaged or cut
+  // file): read the whole records that are there, and say so.
+  uint32_t readable = header_record_count_;
+  std::error_code ec;
+  const uint64_t size = std::filesystem::file_size(path, ec);
+  auto facts = ReadHeaderFacts(path);
+  if (!ec && facts) {
+    uint32_t held =
+        RecordsInFile(size, facts->header_length, static_cast<uint32_t>(record_length_));
+    if (held < readable) {
+      short_file_ = true;
+      Warn(path + ": the header claims " + std::to_string(header_record_count_) +
+           " records, the file holds " + std::to_string(held) + "; reading those");
+      readable = held;
+    }
+  }
+  if (readable > static_cast<uint32_t>(INT32_MAX)) {
+    short_file_ = true;
+    Warn(path + ": " + std::to_string(readable) +
+         " records; record numbers above 2147483647 cannot be read");
+    readable = INT32_MAX;
+  }
+  record_count_ = static_cast<int32_t>(readable);
 }
 
 OpenTable::~OpenTable() {
@@ -127,6 +242,17 @@ FieldValue ReadFieldValue(const OpenTable& table, int index, const ValueOptions&
       rc = DBGetFieldData(handle, index, &number);
       if (rc < 0) FieldFailure(table, index, rc);
       if (rc == DB_WARN_FIELD_EMPTY) return value;
+      // The stored digits are the value: a double keeps only about 17 of
+      // the 20 an N field holds.
+      std::vector<char> raw(length + 1);
+      rc = DBGetStrField(handle, index, raw.data());
+      if (rc < 0) FieldFailure(table, index, rc);
+      if (auto digits = NormaliseNumber(std::string(raw.data(), length))) {
+        value.kind = FieldValue::kDigits;
+        value.text = *digits;
+        return value;
+      }
+      // Not a decimal number: what the engine's conversion makes of it.
       value.kind = FieldValue::kNumber;
       value.number = number;
       value.decimals = field.decimals;
@@ -158,7 +284,8 @@ FieldValue ReadFieldValue(const OpenTable& table, int index, const ValueOptions&
       value.flag = flag == 1;
       return value;
     }
-    case 'M': {
+    case 'M':
+    case 'G': {  // G: FoxPro general fields, memo references as M
       uint32_t block = 0;
       rc = DBGetFieldData(handle, index, &block);
       if (rc < 0) FieldFailure(table, index, rc);
@@ -224,6 +351,45 @@ FieldValue ReadFieldValue(const OpenTable& table, int index, const ValueOptions&
   value.kind = FieldValue::kText;
   value.text = Hex(p, length);
   return value;
+}
+
+std::optional<std::string> NormaliseNumber(const std::string& stored) {
+  size_t i = 0, end = stored.size();
+  // Blanks around the number; some writers pad with zero bytes instead.
+  while (i < end && (stored[i] == ' ' || stored[i] == '\0')) ++i;
+  while (end > i && (stored[end - 1] == ' ' || stored[end - 1] == '\0')) --end;
+  std::string out;
+  if (i < end && (stored[i] == '-' || stored[i] == '+')) {
+    if (stored[i] == '-') out += '-';
+    ++i;
+  }
+  size_t int_start = i;
+  while (i < end && std::isdigit(static_cast<unsigned char>(stored[i]))) ++i;
+  std::string whole = stored.substr(int_start, i - int_start);
+  std::string fraction;
+  bool point = false;
+  if (i < end && stored[i] == '.') {
+    point = true;
+    size_t frac_start = ++i;
+    while (i < end && std::isdigit(static_cast<unsigned char>(stored[i]))) ++i;
+    fraction = stored.substr(frac_start, i - frac_start);
+  }
+  if (whole.empty() && fraction.empty()) return std::nullopt;
+  std::string exponent;
+  if (i < end && (stored[i] == 'e' || stored[i] == 'E')) {
+    size_t at = i++;
+    if (i < end && (stored[i] == '-' || stored[i] == '+')) ++i;
+    size_t digits = i;
+    while (i < end && std::isdigit(static_cast<unsigned char>(stored[i]))) ++i;
+    if (i == digits) return std::nullopt;
+    exponent = "e" + stored.substr(at + 1, i - at - 1);
+  }
+  if (i != end) return std::nullopt;
+  size_t zeros = whole.find_first_not_of('0');
+  whole = zeros == std::string::npos ? "0" : whole.substr(zeros);
+  out += whole;
+  if (point && !fraction.empty()) out += "." + fraction;
+  return out + exponent;
 }
 
 std::string Latin1ToUtf8(const std::string& bytes) {

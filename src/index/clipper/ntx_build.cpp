@@ -234,8 +234,8 @@ int32_t BuildIndex(int32_t table, const char* file_name, int32_t key_type, char*
   if (!file_name || !expression) return KS_FAIL(kBuild, DB_ERR_NULL);
   bool with_decimals = (key_type & 0x10000) != 0;
   key_type &= ~0x10000;
-  int32_t records = 0;
-  int32_t rc = DBGetRecordCount(table, &records);
+  uint32_t count = 0;
+  int32_t rc = DBGetRecordCount(table, &count);
   if (rc < 0) return KS_PASS(kBuild, rc);
   // The new index is written to a work file beside the old one and moved
   // over it only when complete: a build that fails or is stopped leaves the

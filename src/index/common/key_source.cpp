@@ -1,6 +1,7 @@
 // The table key source (see key_source.h).
 #include "index/common/key_source.h"
 
+#include <cstdint>
 #include <cstring>
 
 #include "expr/evaluate.h"
@@ -11,10 +12,12 @@
 namespace kestrel::index {
 
 int32_t TableKeySource::Start() {
-  int32_t records = 0;
+  uint32_t records = 0;
   int32_t rc = DBGetRecordCount(table_, &records);
   if (rc < 0) return KS_PASS(module_, rc);
-  count_ = records > 0 ? static_cast<uint32_t>(records) : 0;
+  // A count beyond what a record number can name is read up to the first
+  // record the file does not hold, which fails the build.
+  count_ = records > INT32_MAX ? INT32_MAX : records;
   // A key that is one character or numeric field on its own (and no user
   // keyword could claim the name) is read straight from the record into a
   // buffer kept for the whole build: the same key the evaluator's value
