@@ -86,22 +86,7 @@ KESTREL_API int32_t DBxbGetMemoBytes(int32_t handle, uint32_t block, char** data
     DbtMemo* m = nullptr;
     int32_t rc = Lookup(handle, &m, kGet);
     if (rc < 0) return rc;
-    Succeed();
-    if ((m->attributes & kAttrShared) && !m->locked) {
-      rc = DbtReadHeader(*m);
-      if (rc < 0) return KS_PASS(kGet, rc);
-    }
-    uint8_t* bytes = nullptr;
-    size_t n = 0;
-    rc = DbtRead(*m, block, &bytes, &n, true);
-    if (rc < 0) return KS_PASS(kGet, rc);
-    if (n > UINT32_MAX) {
-      MemFree(bytes);
-      return KS_FAIL(kGet, DB_ERR_FIELD_LENGTH);
-    }
-    *length = static_cast<uint32_t>(n);
-    *data = reinterpret_cast<char*>(bytes);
-    return 0;
+    return DbtGetMemoBytes(m, block, data, length);
   });
 }
 

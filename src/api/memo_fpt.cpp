@@ -109,17 +109,7 @@ KESTREL_API int32_t DBfpGetMemoBytes(int32_t handle, uint32_t block, char** data
     FptMemo* m = nullptr;
     int32_t rc = Lookup(handle, &m, kGet);
     if (rc < 0) return rc;
-    Succeed();
-    rc = Refresh(*m, kGet);
-    if (rc < 0) return rc;
-    Buffer bytes;
-    uint32_t word = 0, n = 0;
-    rc = FptReadWhole(*m, block, bytes, &word, &n);
-    if (rc < 0) return KS_PASS(kGet, rc);
-    if (type) *type = word == kFptTypeText ? DB_FPT_TYPE_TEXT : DB_FPT_TYPE_PICTURE;
-    *length = n;
-    *data = reinterpret_cast<char*>(bytes.Release());
-    return 0;
+    return FptGetMemoBytes(m, block, data, length, type);
   });
 }
 

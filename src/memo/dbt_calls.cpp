@@ -2,11 +2,13 @@
 // the pointer arguments are checked: the read and write rules of shared
 // files, option checks and soft line wrapping around the engine of
 // dbt_memo.cpp.  Each returns what its exported call returns.
+#include <cstdint>
 #include <cstring>
 
 #include "kestrel/kestrel_memo.h"
 #include "memo/dbt_memo.h"
 #include "memo/memo_common.h"
+#include "runtime/memory.h"
 #include "runtime/status.h"
 
 namespace kestrel::memo {
@@ -47,6 +49,23 @@ int32_t DbtGetMemoHeader(DbtMemo* m) {
   if (!(m->attributes & kAttrShared)) return 0;
   int32_t rc = DbtReadHeader(*m);
   if (rc < 0) return KS_PASS(kOpen, rc);
+  return 0;
+}
+
+int32_t DbtGetMemoBytes(DbtMemo* m, uint32_t block, char** data, uint32_t* length) {
+  Succeed();
+  int32_t rc = RefreshUnlessLocked(*m, kGet, DbtReadHeader);
+  if (rc < 0) return rc;
+  uint8_t* bytes = nullptr;
+  size_t n = 0;
+  rc = DbtRead(*m, block, &bytes, &n, true);
+  if (rc < 0) return KS_PASS(kGet, rc);
+  if (n > UINT32_MAX) {
+    MemFree(bytes);
+    return KS_FAIL(kGet, DB_ERR_FIELD_LENGTH);
+  }
+  *length = static_cast<uint32_t>(n);
+  *data = reinterpret_cast<char*>(bytes);
   return 0;
 }
 

@@ -91,6 +91,9 @@ int32_t DbtFreeChain(DbtMemo& memo, FreeChainStats* stats);
 int32_t DbtLockMemo(DbtMemo* m);
 int32_t DbtUnLockMemo(DbtMemo* m);
 int32_t DbtGetMemoHeader(DbtMemo* m);
+// The whole memo as bytes and length (*data is the caller's, freed with
+// DBFreeMemory), binary contents included.
+int32_t DbtGetMemoBytes(DbtMemo* m, uint32_t block, char** data, uint32_t* length);
 int32_t DbtGetMemoRecord(DbtMemo* m, uint32_t block, char** text, int32_t option);
 int32_t DbtPutMemoRecord(DbtMemo* m, uint32_t* block, const char* text, int32_t mode);
 int32_t DbtZapMemo(DbtMemo* m);

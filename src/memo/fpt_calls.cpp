@@ -92,6 +92,20 @@ int32_t FptGetMemoRecord(FptMemo* m, uint32_t block, char** buffer, uint32_t max
   return rc;
 }
 
+int32_t FptGetMemoBytes(FptMemo* m, uint32_t block, char** data, uint32_t* length, int32_t* type) {
+  Succeed();
+  int32_t rc = Refresh(*m, kGet);
+  if (rc < 0) return rc;
+  Buffer bytes;
+  uint32_t word = 0, n = 0;
+  rc = FptReadWhole(*m, block, bytes, &word, &n);
+  if (rc < 0) return KS_PASS(kGet, rc);
+  if (type) *type = word == kFptTypeText ? DB_FPT_TYPE_TEXT : DB_FPT_TYPE_PICTURE;
+  *length = n;
+  *data = reinterpret_cast<char*>(bytes.Release());
+  return 0;
+}
+
 int32_t FptGetMemoToBuffer(FptMemo* m, uint32_t block, char* buffer, uint32_t max_length, int32_t options) {
   Succeed();
   int32_t rc = Refresh(*m, kGet);

@@ -79,6 +79,9 @@ int32_t FptUnLockMemo(FptMemo* m);
 int32_t FptGetMemoHeader(FptMemo* m, DBFPMEMOHEADER* header);
 int32_t FptGetMemoInfo(FptMemo* m, DBFPMEMOINFO* info);
 int32_t FptGetMemoType(FptMemo* m, uint32_t block, uint32_t* length, int32_t* type);
+// The whole memo as bytes and length (*data is the caller's, freed with
+// DBFreeMemory); *type, when asked, says text or picture.
+int32_t FptGetMemoBytes(FptMemo* m, uint32_t block, char** data, uint32_t* length, int32_t* type);
 int32_t FptGetMemoRecord(FptMemo* m, uint32_t block, char** buffer, uint32_t max_length,
                          int32_t options);
 int32_t FptGetMemoToBuffer(FptMemo* m, uint32_t block, char* buffer, uint32_t max_length,

@@ -95,10 +95,10 @@ TEST_F(NtxToolTest, CheckFailsOnADamagedFile) {
   r = RunTool({"check", dir_.File("missing.ntx")});
   EXPECT_EQ(r.exit_code, 1);
   // Sound files of other writers pass with notes; other formats are named.
-  r = Tool({"check", CopyFixture("index/CUSTNAME.NTX", dir_)});
+  r = RunTool({"check", CopyFixture("index/CUSTNAME.NTX", dir_)});
   EXPECT_EQ(r.exit_code, 0) << r.out << r.err;
   EXPECT_NE(r.out.find("page 0: note: FOR condition: !Deleted()"), std::string::npos) << r.out;
-  r = Tool({"check", CopyFixture("index/employees.CDX", dir_)});
+  r = RunTool({"check", CopyFixture("index/employees.CDX", dir_)});
   EXPECT_EQ(r.exit_code, 1);
   EXPECT_NE(r.err.find("a CDX file; not supported yet"), std::string::npos) << r.err;
 }
@@ -107,11 +107,11 @@ TEST_F(NtxToolTest, CheckFailsOnADamagedFile) {
 // keys that differ from their records.
 TEST_F(NtxToolTest, KeysThatCannotBeMadeAreNotCalledDifferent) {
   std::string index = dir_.File("name.ntx");
-  ASSERT_EQ(Tool({"index", "build", table_, index, "NAME", "--length", "20"}).exit_code, 0);
+  ASSERT_EQ(RunTool({"index", "build", table_, index, "NAME", "--length", "20"}).exit_code, 0);
   std::vector<uint8_t> bytes = ReadFileBytes(index);
   std::memcpy(&bytes[22], "NOSUCH(NAME)", 13);  // the key expression
   WriteFileBytes(index, bytes);
-  ProcessResult r = Tool({"index", "keys", index, "--table", table_});
+  ProcessResult r = RunTool({"index", "keys", index, "--table", table_});
   EXPECT_EQ(r.exit_code, 1);
   auto lines = Lines(r.out);
   ASSERT_EQ(lines.size(), 300u);
@@ -134,7 +134,7 @@ TEST_F(NtxToolTest, FailedRebuildKeepsTheOldIndex) {
   for (const auto& args : {std::vector<std::string>{"index", "build", table_, index, "NAME",
                                                     "--length", "5"},
                            std::vector<std::string>{"index", "build", cut, index, "NAME"}}) {
-    ProcessResult r = Tool(args);
+    ProcessResult r = RunTool(args);
     EXPECT_EQ(r.exit_code, 1) << args[2] << r.out << r.err;
     EXPECT_TRUE(ReadFileBytes(index) == old) << args[2];
     EXPECT_EQ(Listing(), listing) << args[2];

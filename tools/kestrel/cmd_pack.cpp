@@ -76,7 +76,7 @@ int32_t ReadRecipe(const std::string& path, IndexRecipe* recipe) {
 // The key type of the expression's value on the first record ('C' when the
 // table is empty, which makes no keys anyway).
 int32_t KeyType(int32_t table, const std::string& expression) {
-  int32_t count = 0;
+  uint32_t count = 0;
   if (DBGetRecordCount(table, &count) < 0 || count < 1 || DBGetRecord(table, 1) < 0) return 'C';
   std::string text = expression;
   DBEXPRVALUE value{};
