@@ -23,30 +23,7 @@ namespace {
 constexpr ModulePath kDate = KS_ENGINE_MODULE("DATE");
 constexpr ModulePath kDateClock = KS_PLATFORM_MODULE("DATEW32");
 
-// Turns a parser or printer result into the reported status.
-int32_t Report(int line, int32_t rc) {
-  if (rc == DB_WARN_FILE_EMPTY) return FailQuiet(rc);
-  if (rc < 0) return Fail(kDate, line, rc);
-  return rc;
-}
-#define DATE_REPORT(rc) Report(__LINE__, (rc))
-
 void CopyText(char* buffer, const char* text) { std::memcpy(buffer, text, std::strlen(text) + 1); }
-
-// Parses a date string for a composition; a failure is logged where it is
-// found and once more for the composition itself.
-int32_t ParseFor(int line, const char* text, int32_t style, int32_t* y, int32_t* m, int32_t* d) {
-  int32_t rc = 0;
-  if (!text) {
-    *y = *m = *d = 0;
-    rc = KS_FAIL(kDate, DB_ERR_NULL);
-  } else {
-    rc = TextToDate(y, m, d, text, style);
-  }
-  if (rc < 0) LogError(kDate, line, rc);
-  return rc;
-}
-#define PARSE_FOR(text, style, y, m, d) ParseFor(__LINE__, (text), (style), (y), (m), (d))
 
 }  // namespace
 
@@ -134,7 +111,7 @@ KESTREL_API int32_t DBStrDateTo3(int32_t* year, int32_t* month, int32_t* day, co
 KESTREL_API int32_t DBSetDefaultDateStyle(int32_t style) {
   return Guarded([&]() -> int32_t {
     if (style < kLowestStyleNumber || style > kHighestStyleNumber) {
-      return FailQuiet(DB_ERR_INVALID_COMMAND);
+      return Record(DB_ERR_INVALID_COMMAND);
     }
     State().default_date_style = style;
     return 0;
@@ -154,16 +131,16 @@ KESTREL_API int32_t DBGetDefaultDateStyle(int32_t* style, char* buffer) {
 KESTREL_API int32_t DBIsValidDateStr(const char* string, int32_t style) {
   return Guarded([&]() -> int32_t {
     int32_t y, m, d;
-    return PARSE_FOR(string, style, &y, &m, &d);
+    return ReadDateFor(string, style, &y, &m, &d);
   });
 }
 
 KESTREL_API int32_t DBIsStrLeapYear(const char* string, int32_t style) {
   return Guarded([&]() -> int32_t {
     int32_t y, m, d;
-    const int32_t rc = PARSE_FOR(string, style, &y, &m, &d);
+    const int32_t rc = ReadDateFor(string, style, &y, &m, &d);
     if (rc != 0) return rc;
-    return DBIsLeapYear(y);
+    return SetFebruaryFor(y) ? 1 : 0;
   });
 }
 
@@ -172,7 +149,7 @@ KESTREL_API int32_t DBDaysInMonthStr(int32_t* days, const char* string, int32_t 
     if (!days) return KS_FAIL(kDate, DB_ERR_NULL);
     *days = 0;
     int32_t y, m, d;
-    const int32_t rc = PARSE_FOR(string, style, &y, &m, &d);
+    const int32_t rc = ReadDateFor(string, style, &y, &m, &d);
     if (rc != 0) return rc;
     SetFebruaryFor(y);
     *days = MonthLength(m);
@@ -193,7 +170,7 @@ KESTREL_API int32_t DBStrDateToLong(int32_t* longDate, const char* string, int32
     if (!longDate) return KS_FAIL(kDate, DB_ERR_NULL);
     *longDate = 0;
     int32_t y, m, d;
-    const int32_t rc = PARSE_FOR(string, style, &y, &m, &d);
+    const int32_t rc = ReadDateFor(string, style, &y, &m, &d);
     if (rc != 0) return rc;
     *longDate = DayNumber(y, m, d);
     return 0;
@@ -204,10 +181,7 @@ KESTREL_API int32_t DBLongDateToStr(char* buffer, int32_t style, int32_t longDat
   return Guarded([&]() -> int32_t {
     if (!buffer) return KS_FAIL(kDate, DB_ERR_NULL);
     buffer[0] = '\0';
-    if (!IsValidLongDate(longDate)) return KS_FAIL(kDate, DB_ERR_INVALID_DATE);
-    int32_t y, m, d;
-    DayNumberToDate(longDate, &y, &m, &d);
-    return DATE_REPORT(FormatDate(buffer, style, y, m, d));
+    return DayNumberToText(buffer, style, longDate);
   });
 }
 
@@ -216,7 +190,7 @@ KESTREL_API int32_t DBStrDateToMonth(char* buffer, const char* string, int32_t s
     if (!buffer) return KS_FAIL(kDate, DB_ERR_NULL);
     buffer[0] = '\0';
     int32_t y, m, d;
-    const int32_t rc = PARSE_FOR(string, style, &y, &m, &d);
+    const int32_t rc = ReadDateFor(string, style, &y, &m, &d);
     if (rc != 0) return rc;
     CopyText(buffer, kMonthNames[m - 1]);
     return 0;
@@ -228,11 +202,9 @@ KESTREL_API int32_t DBStrDateToIntDayWeek(int32_t* index, const char* string, in
     if (!index) return KS_FAIL(kDate, DB_ERR_NULL);
     *index = 0;
     int32_t y, m, d;
-    const int32_t rc = PARSE_FOR(string, style, &y, &m, &d);
+    const int32_t rc = ReadDateFor(string, style, &y, &m, &d);
     if (rc != 0) return rc;
-    const int32_t day_number = DayNumber(y, m, d);
-    // Year 0 lies before day 1; its weekdays continue the same seven-day cycle.
-    *index = ((day_number % 7) + 7) % 7;
+    *index = WeekdayOf(DayNumber(y, m, d));
     return 0;
   });
 }
@@ -241,11 +213,10 @@ KESTREL_API int32_t DBStrDateToDayOfWeek(char* buffer, const char* string, int32
   return Guarded([&]() -> int32_t {
     if (!buffer) return KS_FAIL(kDate, DB_ERR_NULL);
     buffer[0] = '\0';
-    int32_t index = 0;
-    const int32_t rc = DBStrDateToIntDayWeek(&index, string, style);
-    if (rc < 0) return KS_PASS(kDate, rc);
+    int32_t y, m, d;
+    const int32_t rc = ReadDateFor(string, style, &y, &m, &d);
     if (rc != 0) return rc;
-    CopyText(buffer, kDayNames[index]);
+    CopyText(buffer, kDayNames[WeekdayOf(DayNumber(y, m, d))]);
     return 0;
   });
 }
@@ -255,14 +226,12 @@ KESTREL_API int32_t DBDaysBetweenStr(int32_t* days, const char* string1, int32_t
   return Guarded([&]() -> int32_t {
     if (!days) return KS_FAIL(kDate, DB_ERR_NULL);
     *days = 0;
-    int32_t first = 0, second = 0;
-    int32_t rc = DBStrDateToLong(&first, string1, style1);
-    if (rc < 0) return KS_PASS(kDate, rc);
+    int32_t y1, m1, d1, y2, m2, d2;
+    int32_t rc = ReadDateFor(string1, style1, &y1, &m1, &d1);
     if (rc != 0) return rc;
-    rc = DBStrDateToLong(&second, string2, style2);
-    if (rc < 0) return KS_PASS(kDate, rc);
+    rc = ReadDateFor(string2, style2, &y2, &m2, &d2);
     if (rc != 0) return rc;
-    *days = std::abs(first - second);
+    *days = std::abs(DayNumber(y1, m1, d1) - DayNumber(y2, m2, d2));
     return 0;
   });
 }
@@ -271,10 +240,7 @@ KESTREL_API int32_t DBGetDateStr(char* buffer, int32_t style) {
   return Guarded([&]() -> int32_t {
     if (!buffer) return KS_FAIL(kDate, DB_ERR_NULL);
     buffer[0] = '\0';
-    int32_t y, m, d, w;
-    const int32_t rc = Today(&y, &m, &d, &w);
-    if (rc < 0) return KS_PASS(kDate, rc);
-    return DATE_REPORT(FormatDate(buffer, style, y, m, d));
+    return TodayToText(buffer, style);
   });
 }
 

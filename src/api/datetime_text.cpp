@@ -19,11 +19,15 @@ using namespace kestrel;
 namespace {
 
 constexpr ModulePath kSoundex = KS_ENGINE_MODULE("SOUNDEX");
+constexpr ModulePath kMalloc = KS_PLATFORM_MODULE("MALOCW32");
 
 // A new zero-terminated copy of count bytes at text; null on a shortage.
 char* CopyOut(const char* text, size_t count) {
-  void* block = nullptr;
-  if (DBAllocateMemory(&block, static_cast<uint32_t>(count + 1)) != 0 || !block) return nullptr;
+  void* block = MemAlloc(count + 1);
+  if (!block) {
+    KS_FAIL(kMalloc, DB_ERR_MEMORY);
+    return nullptr;
+  }
   std::memcpy(block, text, count);
   return static_cast<char*>(block);  // zero-filled: already terminated
 }
@@ -36,7 +40,7 @@ extern "C" {
 
 KESTREL_API char* DBstrleft(char* text, int32_t n) {
   if (!text) {
-    FailQuiet(DB_ERR_NULL);
+    Record(DB_ERR_NULL);
     return nullptr;
   }
   if (n < 0) n = 0;
@@ -47,7 +51,7 @@ KESTREL_API char* DBstrleft(char* text, int32_t n) {
 
 KESTREL_API char* DBstrright(const char* text, int32_t n) {
   if (!text) {
-    FailQuiet(DB_ERR_NULL);
+    Record(DB_ERR_NULL);
     return nullptr;
   }
   const size_t length = std::strlen(text);
@@ -58,7 +62,7 @@ KESTREL_API char* DBstrright(const char* text, int32_t n) {
 
 KESTREL_API char* DBstrmid(const char* text, int32_t start, int32_t count) {
   if (!text) {
-    FailQuiet(DB_ERR_NULL);
+    Record(DB_ERR_NULL);
     return nullptr;
   }
   const size_t length = std::strlen(text);
@@ -74,7 +78,7 @@ KESTREL_API char* DBstrmid(const char* text, int32_t start, int32_t count) {
 
 KESTREL_API char* DBstrltrim(char* text) {
   if (!text) {
-    FailQuiet(DB_ERR_NULL);
+    Record(DB_ERR_NULL);
     return nullptr;
   }
   size_t skip = 0;
@@ -85,7 +89,7 @@ KESTREL_API char* DBstrltrim(char* text) {
 
 KESTREL_API char* DBstrrtrim(char* text) {
   if (!text) {
-    FailQuiet(DB_ERR_NULL);
+    Record(DB_ERR_NULL);
     return nullptr;
   }
   size_t length = std::strlen(text);

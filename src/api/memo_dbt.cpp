@@ -19,7 +19,7 @@ constexpr ModulePath kPut = KS_ENGINE_MODULE("TRPUT");
 constexpr ModulePath kZap = KS_ENGINE_MODULE("TZAP");
 constexpr ModulePath kInfo = KS_ENGINE_MODULE("TINFO");
 
-
+// For the calls that check their pointer arguments before the handle.
 int32_t Lookup(int32_t handle, DbtMemo** memo, ModulePath module) {
   *memo = LookUpHandle<DbtMemo>(handle, DB_KIND_DBT_MEMO, module);
   return *memo ? 0 : ErrorCode();
@@ -40,30 +40,18 @@ KESTREL_API int32_t DBxbCloseMemo(int32_t handle) {
 }
 
 KESTREL_API int32_t DBxbLockMemo(int32_t handle) {
-  return Guarded([&]() -> int32_t {
-    DbtMemo* m = nullptr;
-    int32_t rc = Lookup(handle, &m, kOpen);
-    if (rc < 0) return rc;
-    return DbtLockMemo(m);
-  });
+  return OnHandle<DbtMemo>(handle, DB_KIND_DBT_MEMO, kOpen,
+                           [&](DbtMemo* m) -> int32_t { return DbtLockMemo(m); });
 }
 
 KESTREL_API int32_t DBxbUnLockMemo(int32_t handle) {
-  return Guarded([&]() -> int32_t {
-    DbtMemo* m = nullptr;
-    int32_t rc = Lookup(handle, &m, kOpen);
-    if (rc < 0) return rc;
-    return DbtUnLockMemo(m);
-  });
+  return OnHandle<DbtMemo>(handle, DB_KIND_DBT_MEMO, kOpen,
+                           [&](DbtMemo* m) -> int32_t { return DbtUnLockMemo(m); });
 }
 
 KESTREL_API int32_t DBxbGetMemoHeader(int32_t handle) {
-  return Guarded([&]() -> int32_t {
-    DbtMemo* m = nullptr;
-    int32_t rc = Lookup(handle, &m, kOpen);
-    if (rc < 0) return rc;
-    return DbtGetMemoHeader(m);
-  });
+  return OnHandle<DbtMemo>(handle, DB_KIND_DBT_MEMO, kOpen,
+                           [&](DbtMemo* m) -> int32_t { return DbtGetMemoHeader(m); });
 }
 
 KESTREL_API int32_t DBxbGetMemoRecord(int32_t handle, uint32_t block, char** text, int32_t option) {
@@ -102,12 +90,8 @@ KESTREL_API int32_t DBxbPutMemoRecord(int32_t handle, uint32_t* block, const cha
 }
 
 KESTREL_API int32_t DBxbZapMemo(int32_t handle) {
-  return Guarded([&]() -> int32_t {
-    DbtMemo* m = nullptr;
-    int32_t rc = Lookup(handle, &m, kZap);
-    if (rc < 0) return rc;
-    return DbtZapMemo(m);
-  });
+  return OnHandle<DbtMemo>(handle, DB_KIND_DBT_MEMO, kZap,
+                           [&](DbtMemo* m) -> int32_t { return DbtZapMemo(m); });
 }
 
 KESTREL_API int32_t DBxbGetMemoInfo(int32_t handle, DBXBMEMOINFO* info) {

@@ -20,6 +20,7 @@ constexpr ModulePath kRecordInfo = KS_ENGINE_MODULE("WRINFO");
 constexpr ModulePath kInfo = KS_ENGINE_MODULE("WINFO");
 constexpr ModulePath kZap = KS_ENGINE_MODULE("WZAP");
 
+// For the calls that check their pointer arguments before the handle.
 int32_t Lookup(int32_t handle, FptMemo** memo, ModulePath module) {
   *memo = LookUpHandle<FptMemo>(handle, DB_KIND_FPT_MEMO, module);
   return *memo ? 0 : ErrorCode();
@@ -40,21 +41,13 @@ KESTREL_API int32_t DBfpCloseMemo(int32_t handle) {
 }
 
 KESTREL_API int32_t DBfpLockMemo(int32_t handle) {
-  return Guarded([&]() -> int32_t {
-    FptMemo* m = nullptr;
-    int32_t rc = Lookup(handle, &m, kOpen);
-    if (rc < 0) return rc;
-    return FptLockMemo(m);
-  });
+  return OnHandle<FptMemo>(handle, DB_KIND_FPT_MEMO, kOpen,
+                           [&](FptMemo* m) -> int32_t { return FptLockMemo(m); });
 }
 
 KESTREL_API int32_t DBfpUnLockMemo(int32_t handle) {
-  return Guarded([&]() -> int32_t {
-    FptMemo* m = nullptr;
-    int32_t rc = Lookup(handle, &m, kOpen);
-    if (rc < 0) return rc;
-    return FptUnLockMemo(m);
-  });
+  return OnHandle<FptMemo>(handle, DB_KIND_FPT_MEMO, kOpen,
+                           [&](FptMemo* m) -> int32_t { return FptUnLockMemo(m); });
 }
 
 KESTREL_API int32_t DBfpGetMemoHeader(int32_t handle, DBFPMEMOHEADER* header) {
@@ -136,12 +129,8 @@ KESTREL_API int32_t DBfpPutMemoRecord(int32_t handle, uint32_t* block, const voi
 }
 
 KESTREL_API int32_t DBfpZapMemo(int32_t handle) {
-  return Guarded([&]() -> int32_t {
-    FptMemo* m = nullptr;
-    int32_t rc = Lookup(handle, &m, kZap);
-    if (rc < 0) return rc;
-    return FptZapMemo(m);
-  });
+  return OnHandle<FptMemo>(handle, DB_KIND_FPT_MEMO, kZap,
+                           [&](FptMemo* m) -> int32_t { return FptZapMemo(m); });
 }
 
 KESTREL_API int32_t DBfpPackMemo(int32_t table_handle, int32_t* memo_handle) {

@@ -30,8 +30,6 @@ constexpr int32_t kInfoReadOnly = 1;
 constexpr int32_t kInfoShared = 2;
 constexpr int32_t kInfoWriteThrough = 4;
 
-int32_t Finish(int32_t rc) { return SetErrorCode(rc); }
-
 // Runs body on the selected index with the error code reset.
 template <class Body>
 int32_t OnIndex(int32_t handle, ModulePath module, Body&& body) {
@@ -39,8 +37,8 @@ int32_t OnIndex(int32_t handle, ModulePath module, Body&& body) {
     NtxIndex* ix = nullptr;
     int32_t rc = SelectIndex(handle, &ix, module);
     if (rc < 0) return rc;
-    SetErrorCode(0);
-    return Finish(body(ix));
+    Succeed();
+    return Record(body(ix));
   });
 }
 
@@ -70,8 +68,8 @@ extern "C" {
 KESTREL_API int32_t DBclCreateIndex(const char* filename, int32_t keyType, char* keyExpression,
                                     int32_t keyLength, int32_t decimals) {
   return Guarded([&]() -> int32_t {
-    SetErrorCode(0);
-    return Finish(CreateIndex(filename, keyType, keyExpression, keyLength, decimals));
+    Succeed();
+    return Record(CreateIndex(filename, keyType, keyExpression, keyLength, decimals));
   });
 }
 
@@ -113,17 +111,17 @@ KESTREL_API int32_t DBclZapIndex(int32_t handle) {
 KESTREL_API int32_t DBclBuildIndex(int32_t table, const char* filename, int32_t keyType,
                                    char* keyExpression, int32_t keyLength, int32_t decimals) {
   return Guarded([&]() -> int32_t {
-    SetErrorCode(0);
+    Succeed();
     return BuildIndex(table, filename, keyType, keyExpression, keyLength, decimals, nullptr);
   });
 }
 
-KESTREL_API int32_t DBclBuildIndexWithProgress(int32_t table, const char* filename,
-                                               int32_t keyType, char* keyExpression,
-                                               int32_t keyLength, int32_t decimals,
-                                               DBCLBUILDPROGRESS progress, void* context) {
+KESTREL_API int32_t DBclBuildIndexWithProgress(int32_t table, const char* filename, int32_t keyType,
+                                               char* keyExpression, int32_t keyLength,
+                                               int32_t decimals, DBCLBUILDPROGRESS progress,
+                                               void* context) {
   return Guarded([&]() -> int32_t {
-    SetErrorCode(0);
+    Succeed();
     kestrel::index::BuildProgress report{progress, context};
     return BuildIndex(table, filename, keyType, keyExpression, keyLength, decimals,
                       progress ? &report : nullptr);
@@ -252,8 +250,8 @@ KESTREL_API int32_t DBclMakeKey(int32_t table, int32_t handle, char** key) {
     NtxIndex* ix = nullptr;
     int32_t rc = SelectIndex(handle, &ix, kMake);
     if (rc < 0) return rc;
-    SetErrorCode(0);
-    return Finish(MakeKey(table, ix, key));
+    Succeed();
+    return Record(MakeKey(table, ix, key));
   });
 }
 

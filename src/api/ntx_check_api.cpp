@@ -51,8 +51,8 @@ int32_t DBCheckIndex(const char* filename, DBCHECKREPORT report, void* context,
     Vec<index::CheckFinding> findings;
     index::CheckSummary s{};
     index::IndexFormat format = index::IndexFormat::kUnknown;
-    int32_t rc = index::CheckIndexFile(filename, kCheckers, std::size(kCheckers), &format,
-                                       &findings, &s);
+    int32_t rc =
+        index::CheckIndexFile(filename, kCheckers, std::size(kCheckers), &format, &findings, &s);
     summary->format = PublicFormat(format);
     std::strncpy(summary->format_name, index::IndexFormatName(format),
                  sizeof summary->format_name - 1);
@@ -82,6 +82,6 @@ int32_t DBCheckIndex(const char* filename, DBCHECKREPORT report, void* context,
       }
       if (report) report(context, &out);
     }
-    return SetErrorCode(rc);
+    return Record(rc);
   });
 }

@@ -13,7 +13,7 @@ KESTREL_API int32_t DBTerminate(void) { return Terminate(); }
 
 KESTREL_API int32_t DBGetErrorCode(void) { return ErrorCode(); }
 
-KESTREL_API int32_t DBSetErrorCode(int32_t code) { return SetErrorCode(code); }
+KESTREL_API int32_t DBSetErrorCode(int32_t code) { return Record(code); }
 
 KESTREL_API const char* DBGetErrorStr(void) { return MessageFor(ErrorCode()); }
 

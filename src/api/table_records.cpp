@@ -29,7 +29,10 @@ int32_t Mark(int32_t handle, int32_t recno, uint8_t mark) {
 }
 }  // namespace
 
-extern "C" KESTREL_API int32_t DBGetRecordToBuffer(int32_t handle, void* buffer, int32_t recno) {
+namespace {
+// Record reads and writes through the caller's buffer or the table's own
+// (buffer null).
+int32_t GetInto(int32_t handle, void* buffer, int32_t recno) {
   return Guarded([&]() -> int32_t {
     TableControl* t = LookUp(handle, kDrget);
     if (!t) return ErrorCode();
@@ -37,12 +40,7 @@ extern "C" KESTREL_API int32_t DBGetRecordToBuffer(int32_t handle, void* buffer,
   });
 }
 
-extern "C" KESTREL_API int32_t DBGetRecord(int32_t handle, int32_t recno) {
-  return DBGetRecordToBuffer(handle, nullptr, recno);
-}
-
-extern "C" KESTREL_API int32_t DBPutRecordFromBuffer(int32_t handle, const void* buffer,
-                                                     int32_t* recno, int32_t mode) {
+int32_t PutFrom(int32_t handle, const void* buffer, int32_t* recno, int32_t mode) {
   return Guarded([&]() -> int32_t {
     TableControl* t = LookUp(handle, kDrput);
     if (!t) return ErrorCode();
@@ -50,9 +48,23 @@ extern "C" KESTREL_API int32_t DBPutRecordFromBuffer(int32_t handle, const void*
     return PutRecord(t, buffer, recno, mode);
   });
 }
+}  // namespace
+
+extern "C" KESTREL_API int32_t DBGetRecordToBuffer(int32_t handle, void* buffer, int32_t recno) {
+  return GetInto(handle, buffer, recno);
+}
+
+extern "C" KESTREL_API int32_t DBGetRecord(int32_t handle, int32_t recno) {
+  return GetInto(handle, nullptr, recno);
+}
+
+extern "C" KESTREL_API int32_t DBPutRecordFromBuffer(int32_t handle, const void* buffer,
+                                                     int32_t* recno, int32_t mode) {
+  return PutFrom(handle, buffer, recno, mode);
+}
 
 extern "C" KESTREL_API int32_t DBPutRecord(int32_t handle, int32_t* recno, int32_t mode) {
-  return DBPutRecordFromBuffer(handle, nullptr, recno, mode);
+  return PutFrom(handle, nullptr, recno, mode);
 }
 
 extern "C" KESTREL_API int32_t DBMarkRecordInActive(int32_t handle, int32_t recno) {

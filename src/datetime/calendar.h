@@ -54,7 +54,8 @@ constexpr bool IsValidLongDate(int32_t long_date) {
 }
 
 // 0 = Sunday .. 6 = Saturday.
-constexpr int32_t WeekdayOf(int32_t long_date) { return long_date % 7; }
+// Year 0 lies before day 1; its weekdays continue the same seven-day cycle.
+constexpr int32_t WeekdayOf(int32_t long_date) { return ((long_date % 7) + 7) % 7; }
 
 extern const char* const kDayNames[7];
 extern const char* const kMonthNames[12];

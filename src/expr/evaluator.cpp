@@ -100,19 +100,6 @@ bool StartsWith(const char* text, const char* word, size_t length) {
   return std::strncmp(text, word, length) == 0;
 }
 
-int32_t Bad(int line) { return Fail(kEval, line, DB_ERR_BAD_EXPRESSION); }
-#define KS_BAD() Bad(__LINE__)
-
-int32_t OutOfMemory(int line) { return Fail(kEval, line, DB_ERR_MEMORY); }
-
-// Passes on an inner failure: the code stays the library error code and is
-// logged again under this module.
-int32_t Pass(int line, int32_t code) {
-  LogError(kEval, line, code);
-  return SetErrorCode(code);
-}
-#define KS_PASS_ON(code) Pass(__LINE__, (code))
-
 int32_t ProcessExpression(Value& acc, bool dtoc_argument);
 
 // Steps over the closing character of a function; never past the end.
@@ -124,13 +111,13 @@ void StepOverClose() {
 
 int32_t GetValue(uint16_t* number) {
   const char*& pos = Ev().position;
-  if (*pos == '\0') return KS_BAD();
+  if (*pos == '\0') return KS_FAIL(kEval, DB_ERR_BAD_EXPRESSION);
   ++pos;
   size_t n = std::strcspn(pos, ",)");
-  if (pos[n] == '\0') return KS_BAD();
+  if (pos[n] == '\0') return KS_FAIL(kEval, DB_ERR_BAD_EXPRESSION);
   if (n == 0) {
     *number = 0;
-    return KS_BAD();
+    return KS_FAIL(kEval, DB_ERR_BAD_EXPRESSION);
   }
   // Leading digits; values beyond 16 bits saturate rather than wrap.
   uint32_t value = 0;
@@ -156,13 +143,13 @@ int32_t ReadField(table::TableControl* t, const table::FieldInfo& f, Value& out,
                   bool dtoc_argument) {
   int type = f.type;
   int32_t length = static_cast<int32_t>(f.length);
-  if (length > kMaxValueLength) return KS_BAD();
+  if (length > kMaxValueLength) return KS_FAIL(kEval, DB_ERR_BAD_EXPRESSION);
   int32_t rc = 0;
 
   if (type == kCharacter) {
-    if (!out.Reserve(static_cast<size_t>(length) + 1)) return OutOfMemory(__LINE__);
+    if (!out.Reserve(static_cast<size_t>(length) + 1)) return KS_FAIL(kEval, DB_ERR_MEMORY);
     rc = table::GetField(t, f, out.data(), false);
-    if (rc < 0) return KS_PASS_ON(rc);
+    if (rc < 0) return KS_PASS(kEval, rc);
     out.data()[length] = '\0';
     out.type = kCharacter;
     out.length = static_cast<int32_t>(strnlen(out.data(), static_cast<size_t>(length)));
@@ -171,9 +158,9 @@ int32_t ReadField(table::TableControl* t, const table::FieldInfo& f, Value& out,
 
   if (type == kDate) {
     size_t room = static_cast<size_t>(length > kDateTextSize ? length : kDateTextSize) + 1;
-    if (!out.Reserve(room)) return OutOfMemory(__LINE__);
+    if (!out.Reserve(room)) return KS_FAIL(kEval, DB_ERR_MEMORY);
     rc = table::GetFieldBytes(t, f, out.data());
-    if (rc < 0) return KS_PASS_ON(rc);
+    if (rc < 0) return KS_PASS(kEval, rc);
     std::memset(out.stored_date, ' ', sizeof out.stored_date);
     std::memcpy(out.stored_date, out.data(),
                 static_cast<size_t>(length < kStoredDateLength ? length : kStoredDateLength));
@@ -189,7 +176,7 @@ int32_t ReadField(table::TableControl* t, const table::FieldInfo& f, Value& out,
     }
     std::memset(out.data(), 0, room);
     rc = table::GetField(t, f, out.data(), false);
-    if (rc < 0) return KS_PASS_ON(rc);
+    if (rc < 0) return KS_PASS(kEval, rc);
     out.length = static_cast<int32_t>(strnlen(out.data(), kDateTextSize));
     out.data()[out.length] = '\0';
     return 0;
@@ -197,10 +184,10 @@ int32_t ReadField(table::TableControl* t, const table::FieldInfo& f, Value& out,
 
   int32_t size = NativeSize(type);
   size_t room = static_cast<size_t>(size > length ? size : length) + 8;
-  if (!out.Reserve(room)) return OutOfMemory(__LINE__);
+  if (!out.Reserve(room)) return KS_FAIL(kEval, DB_ERR_MEMORY);
   std::memset(out.data(), 0, room);
   rc = table::GetField(t, f, out.data(), false);
-  if (rc < 0) return KS_PASS_ON(rc);
+  if (rc < 0) return KS_PASS(kEval, rc);
   out.type = static_cast<int16_t>(type);
   out.length = size;
   return 0;
@@ -228,7 +215,7 @@ int32_t NameOrLiteral(Value& out, bool dtoc_argument) {
   const char* text = pos;
   size_t n = std::strcspn(text, ",)+-");
   bool delimited = text[n] != '\0';
-  if (delimited && (n < 1 || n > kMaxOperandLength)) return KS_BAD();
+  if (delimited && (n < 1 || n > kMaxOperandLength)) return KS_FAIL(kEval, DB_ERR_BAD_EXPRESSION);
   pos = text + n;
 
   if (n >= 1 && n <= kMaxOperandLength) {
@@ -251,8 +238,8 @@ int32_t NameOrLiteral(Value& out, bool dtoc_argument) {
     out.length = sizeof value;
     return 0;
   }
-  if (n > static_cast<size_t>(kMaxValueLength)) return KS_BAD();
-  if (!out.Reserve(n + 1)) return OutOfMemory(__LINE__);
+  if (n > static_cast<size_t>(kMaxValueLength)) return KS_FAIL(kEval, DB_ERR_BAD_EXPRESSION);
+  if (!out.Reserve(n + 1)) return KS_FAIL(kEval, DB_ERR_MEMORY);
   std::memcpy(out.data(), text, n);
   out.data()[n] = '\0';
   out.type = kCharacter;
@@ -306,16 +293,16 @@ bool AliasNamesTable(const char* alias, size_t n) {
 // that the "-" of the arrow is never taken for the minus operator.
 int32_t AliasedField(size_t alias_length, Value& out, bool dtoc_argument) {
   const char*& pos = Ev().position;
-  if (!AliasNamesTable(pos, alias_length)) return KS_BAD();
+  if (!AliasNamesTable(pos, alias_length)) return KS_FAIL(kEval, DB_ERR_BAD_EXPRESSION);
   const char* name = pos + alias_length + 2;
   size_t n = std::strcspn(name, ",)+-");
-  if (n < 1 || n > kMaxOperandLength) return KS_BAD();
+  if (n < 1 || n > kMaxOperandLength) return KS_FAIL(kEval, DB_ERR_BAD_EXPRESSION);
   char field_name[kMaxOperandLength + 1];
   std::memcpy(field_name, name, n);
   field_name[n] = '\0';
   table::TableControl* t = Table();
   int32_t field = t ? table::FieldNumberOf(t, field_name) : -1;
-  if (field < 0) return KS_BAD();
+  if (field < 0) return KS_FAIL(kEval, DB_ERR_BAD_EXPRESSION);
   pos = name + n;
   return ReadField(t, t->fields[field], out, dtoc_argument);
 }
@@ -326,15 +313,15 @@ int32_t AdoptCallbackValue(const DBEXPRVALUE& given, Value& out) {
   if (IsText(given.type)) {
     size_t limit = given.length > 0 ? static_cast<size_t>(given.length) : 0;
     size_t n = bytes ? strnlen(bytes, limit) : 0;
-    if (!out.Reserve(n + 1)) return OutOfMemory(__LINE__);
+    if (!out.Reserve(n + 1)) return KS_FAIL(kEval, DB_ERR_MEMORY);
     if (n) std::memcpy(out.data(), bytes, n);
     out.data()[n] = '\0';
     out.length = static_cast<int32_t>(n);
   } else {
     size_t n = given.length > 0 ? static_cast<size_t>(given.length) : 0;
-    if (n > 0 && !bytes) return KS_BAD();
+    if (n > 0 && !bytes) return KS_FAIL(kEval, DB_ERR_BAD_EXPRESSION);
     size_t room = n + 8;
-    if (!out.Reserve(room)) return OutOfMemory(__LINE__);
+    if (!out.Reserve(room)) return KS_FAIL(kEval, DB_ERR_MEMORY);
     std::memset(out.data(), 0, room);
     if (n) std::memcpy(out.data(), bytes, n);
     out.length = static_cast<int32_t>(n);
@@ -360,7 +347,7 @@ int32_t CallKeyword(int32_t index, Value& out) {
   ev.current = saved;
   if (rc < 0) {
     MemFree(given.value);
-    return Fail(kEval, __LINE__, rc);
+    return KS_FAIL(kEval, rc);
   }
   rc = AdoptCallbackValue(given, out);
   MemFree(given.value);
@@ -369,7 +356,7 @@ int32_t CallKeyword(int32_t index, Value& out) {
     if (*ev.position == ')') {
       ++ev.position;
     } else if (*ev.position != '\0') {
-      return KS_BAD();
+      return KS_FAIL(kEval, DB_ERR_BAD_EXPRESSION);
     }
   }
   return 0;
@@ -419,26 +406,26 @@ int32_t ToDbaseDate(Value& value) {
       copy[kStoredDateLength] = '\0';
       int32_t year, month, day;
       rc = TextToDate(&year, &month, &day, copy, kDbaseDateStyle);
-      if (rc < 0) return KS_PASS_ON(rc);
+      if (rc < 0) return KS_PASS(kEval, rc);
       if (rc == DB_WARN_FILE_EMPTY) {
         std::memset(text, ' ', kStoredDateLength);
       } else {
         rc = DateToText(text, kDbaseDateStyle, year, month, day);
-        if (rc < 0) return KS_PASS_ON(rc);
+        if (rc < 0) return KS_PASS(kEval, rc);
       }
     }
   } else {
     int32_t style = State().default_date_style;
     if (style == kDbaseDateStyle) return 0;
     rc = ConvertDateText(text, kDbaseDateStyle, value.data(), style);
-    if (rc < 0) return KS_PASS_ON(rc);
+    if (rc < 0) return KS_PASS(kEval, rc);
     if (rc == DB_WARN_FILE_EMPTY) {
       std::memset(text, ' ', kStoredDateLength);
       text[kStoredDateLength] = '\0';
     }
   }
   size_t n = strnlen(text, sizeof text - 1);
-  if (!value.Reserve(n + 1)) return OutOfMemory(__LINE__);
+  if (!value.Reserve(n + 1)) return KS_FAIL(kEval, DB_ERR_MEMORY);
   std::memcpy(value.data(), text, n + 1);
   value.length = static_cast<int32_t>(n);
   return 0;
@@ -448,14 +435,14 @@ int32_t Dtoc(Value& out) {
   Ev().position += 5;
   int32_t rc = ProcessExpression(out, true);
   if (rc < 0) return rc;
-  if (out.type != kDate) return KS_BAD();
+  if (out.type != kDate) return KS_FAIL(kEval, DB_ERR_BAD_EXPRESSION);
   const char*& pos = Ev().position;
   if (pos[0] == ',' && pos[1] == '1') {
     pos += 2;
     rc = ToDbaseDate(out);
     if (rc < 0) return rc;
   } else if (out.text_pending) {
-    return KS_BAD();  // cannot happen: pending only when ",1" follows
+    return KS_FAIL(kEval, DB_ERR_BAD_EXPRESSION);  // cannot happen: pending only when ",1" follows
   }
   out.type = kCharacter;
   out.has_stored_date = false;
@@ -470,7 +457,7 @@ int32_t LeftRight(Value& out, size_t keyword_length, bool left) {
   Ev().position += keyword_length;
   int32_t rc = ProcessExpression(out, false);
   if (rc < 0) return rc;
-  if (out.type != kCharacter) return KS_BAD();
+  if (out.type != kCharacter) return KS_FAIL(kEval, DB_ERR_BAD_EXPRESSION);
   uint16_t n;
   rc = GetValue(&n);
   if (rc < 0) return rc;
@@ -489,7 +476,7 @@ int32_t Substr(Value& out) {
   Ev().position += 7;
   int32_t rc = ProcessExpression(out, false);
   if (rc < 0) return rc;
-  if (out.type != kCharacter) return KS_BAD();
+  if (out.type != kCharacter) return KS_FAIL(kEval, DB_ERR_BAD_EXPRESSION);
   uint16_t start;
   rc = GetValue(&start);
   if (rc < 0) return rc;
@@ -522,7 +509,7 @@ int32_t Str(Value& out) {
   pos += 4;
   int32_t rc = ProcessExpression(out, false);
   if (rc < 0) return rc;
-  if (out.type != kNumeric && out.type != kFloat) return KS_BAD();
+  if (out.type != kNumeric && out.type != kFloat) return KS_FAIL(kEval, DB_ERR_BAD_EXPRESSION);
   double number;
   std::memcpy(&number, out.data(), sizeof number);
   uint16_t width = kDefaultStrWidth;
@@ -535,10 +522,10 @@ int32_t Str(Value& out) {
       if (rc < 0) return rc;
     }
   }
-  if (*pos != ')') return KS_BAD();
+  if (*pos != ')') return KS_FAIL(kEval, DB_ERR_BAD_EXPRESSION);
   ++pos;
-  if (width > kMaxValueLength) return KS_BAD();
-  if (!out.Reserve(static_cast<size_t>(width) + 1)) return OutOfMemory(__LINE__);
+  if (width > kMaxValueLength) return KS_FAIL(kEval, DB_ERR_BAD_EXPRESSION);
+  if (!out.Reserve(static_cast<size_t>(width) + 1)) return KS_FAIL(kEval, DB_ERR_MEMORY);
   char* text = out.data();
   auto [end, ec] = std::to_chars(text, text + width, number, std::chars_format::fixed, decimals);
   if (ec != std::errc()) {
@@ -589,9 +576,9 @@ int32_t Combine(Value& acc, Value& operand, char sign) {
     case kFloat:
     case DB_FTYPE_DOUBLE:
       // Only the raw numeric types add.
-      return KS_BAD();
+      return KS_FAIL(kEval, DB_ERR_BAD_EXPRESSION);
     case DB_FTYPE_FLOAT: {
-      if (acc.type != operand.type) return KS_BAD();
+      if (acc.type != operand.type) return KS_FAIL(kEval, DB_ERR_BAD_EXPRESSION);
       float a, b;
       std::memcpy(&a, acc.data(), sizeof a);
       std::memcpy(&b, operand.data(), sizeof b);
@@ -601,7 +588,7 @@ int32_t Combine(Value& acc, Value& operand, char sign) {
     }
     case DB_FTYPE_ULONG:
     case DB_FTYPE_LONG: {
-      if (acc.type != operand.type) return KS_BAD();
+      if (acc.type != operand.type) return KS_FAIL(kEval, DB_ERR_BAD_EXPRESSION);
       uint32_t a, b;
       std::memcpy(&a, acc.data(), sizeof a);
       std::memcpy(&b, operand.data(), sizeof b);
@@ -611,7 +598,7 @@ int32_t Combine(Value& acc, Value& operand, char sign) {
     }
     case DB_FTYPE_USHORT:
     case DB_FTYPE_SHORT: {
-      if (acc.type != operand.type) return KS_BAD();
+      if (acc.type != operand.type) return KS_FAIL(kEval, DB_ERR_BAD_EXPRESSION);
       uint16_t a, b;
       std::memcpy(&a, acc.data(), sizeof a);
       std::memcpy(&b, operand.data(), sizeof b);
@@ -622,10 +609,10 @@ int32_t Combine(Value& acc, Value& operand, char sign) {
     case kCharacter: {
       // "-" drops a character operand: A-B is A.
       if (sign == '-') return 0;
-      if (acc.type != kCharacter) return KS_BAD();
+      if (acc.type != kCharacter) return KS_FAIL(kEval, DB_ERR_BAD_EXPRESSION);
       int32_t total = acc.length + operand.length;
-      if (total > kMaxValueLength) return KS_BAD();
-      if (!acc.Reserve(static_cast<size_t>(total) + 1)) return OutOfMemory(__LINE__);
+      if (total > kMaxValueLength) return KS_FAIL(kEval, DB_ERR_BAD_EXPRESSION);
+      if (!acc.Reserve(static_cast<size_t>(total) + 1)) return KS_FAIL(kEval, DB_ERR_MEMORY);
       std::memcpy(acc.data() + acc.length, operand.data(), static_cast<size_t>(operand.length));
       acc.data()[total] = '\0';
       acc.length = total;
@@ -650,7 +637,7 @@ class DepthGuard {
 
 int32_t ProcessExpression(Value& acc, bool dtoc_argument) {
   DepthGuard guard;
-  if (guard.too_deep()) return KS_BAD();
+  if (guard.too_deep()) return KS_FAIL(kEval, DB_ERR_BAD_EXPRESSION);
   const char*& pos = Ev().position;
   acc.Clear();
   char sign = '+';
@@ -681,7 +668,7 @@ int32_t ProcessExpression(Value& acc, bool dtoc_argument) {
 int32_t HandOut(const Value& value, DBEXPRVALUE* out) {
   size_t copy = static_cast<size_t>(value.length) + (IsText(value.type) ? 1 : 0);
   void* buffer = MemAlloc(copy > 0 ? copy : 1);
-  if (!buffer) return OutOfMemory(__LINE__);
+  if (!buffer) return KS_FAIL(kEval, DB_ERR_MEMORY);
   std::memcpy(buffer, value.data(), copy);
   out->value = buffer;
   out->type = value.type;
@@ -708,12 +695,12 @@ class SavedPosition {
 
 int32_t ProcessTableForKeyword() {
   EvaluatorState& ev = Ev();
-  if (!ev.position) return KS_BAD();
+  if (!ev.position) return KS_FAIL(kEval, DB_ERR_BAD_EXPRESSION);
   MemFree(ev.current.value);
   ev.current = DBEXPRVALUE{};
   Value value;
   int32_t rc = ProcessExpression(value, false);
-  if (rc < 0) return SetErrorCode(rc);
+  if (rc < 0) return Record(rc);
   rc = HandOut(value, &ev.current);
   if (rc < 0) return rc;
   return Succeed();
@@ -721,7 +708,7 @@ int32_t ProcessTableForKeyword() {
 
 int32_t GetValueForKeyword(uint16_t* number) {
   if (!number) return KS_FAIL(kEval, DB_ERR_NULL);
-  if (!Ev().position) return KS_BAD();
+  if (!Ev().position) return KS_FAIL(kEval, DB_ERR_BAD_EXPRESSION);
   int32_t rc = GetValue(number);
   if (rc < 0) return rc;
   return Succeed();
@@ -743,8 +730,8 @@ int32_t EvaluateKeyExpression(int32_t table, const char* expression, DBEXPRVALUE
   ev.table = table;
   Value result;
   rc = ProcessExpression(result, false);
-  if (rc >= 0 && *ev.position != '\0') rc = KS_BAD();
-  if (rc < 0) return SetErrorCode(rc);
+  if (rc >= 0 && *ev.position != '\0') rc = KS_FAIL(kEval, DB_ERR_BAD_EXPRESSION);
+  if (rc < 0) return Record(rc);
   rc = HandOut(result, out);
   if (rc < 0) return rc;
   return Succeed();

@@ -157,7 +157,7 @@ class WorkFile {
     int32_t code = ErrorCode();
     Close();
     if (!kept_ && FileExists(name_)) FileDelete(name_);
-    SetErrorCode(code);
+    Record(code);
   }
   WorkFile(const WorkFile&) = delete;
   WorkFile& operator=(const WorkFile&) = delete;
@@ -190,7 +190,7 @@ class PackMemoLock {
     int32_t code = ErrorCode();
     Succeed();
     unlock_(*memo_);
-    SetErrorCode(code);
+    Record(code);
   }
   PackMemoLock(const PackMemoLock&) = delete;
   PackMemoLock& operator=(const PackMemoLock&) = delete;

@@ -49,9 +49,9 @@ class AutoLock {
  private:
   int32_t Unlock_() {
     int32_t before = ErrorCode();
-    SetErrorCode(0);
+    Succeed();
     int32_t rc = unlock_();
-    if (before < 0) SetErrorCode(before);
+    if (before < 0) Record(before);
     return rc;
   }
 

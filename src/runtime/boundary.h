@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <new>
 
+#include "runtime/handles.h"
 #include "runtime/status.h"
 
 namespace kestrel {
@@ -25,6 +26,17 @@ int32_t Guarded(Body&& body) noexcept {
   } catch (...) {
     return ReportUnexpectedException(__LINE__);
   }
+}
+
+// An exported call on one control block: inside the guard, the block of
+// handle (of kind; otherwise -213 logged under module) is handed to body.
+template <class T, class Body>
+int32_t OnHandle(int32_t handle, int32_t kind, ModulePath module, Body&& body) noexcept {
+  return Guarded([&]() -> int32_t {
+    T* block = LookUpHandle<T>(handle, kind, module);
+    if (!block) return ErrorCode();
+    return body(block);
+  });
 }
 
 }  // namespace kestrel

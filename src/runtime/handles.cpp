@@ -56,7 +56,7 @@ int32_t CheckHandle(int32_t handle, int kind) {
   LibraryState& s = State();
   if (handle < 0 || handle >= s.slot_count || s.slots[handle].kind != kind ||
       kind == DB_KIND_FREE) {
-    return FailQuiet(DB_ERR_INVALID_HANDLE);
+    return Record(DB_ERR_INVALID_HANDLE);
   }
   return 0;
 }

@@ -89,7 +89,7 @@ int32_t Terminate() {
     if (kind == DB_KIND_FREE || kind >= kCloseRoutineCount) continue;
     CloseRoutine close = s.close_routines[kind];
     if (!close) continue;
-    SetErrorCode(0);
+    Succeed();
     close(i);
   }
   FreeTables(s);

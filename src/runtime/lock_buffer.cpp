@@ -21,7 +21,7 @@ int32_t IsRegionLocked(FileHandle handle, uint32_t offset, uint32_t length) {
 
 int32_t SetLockCapacity(int32_t capacity) {
   LibraryState& s = State();
-  if (capacity < s.lock_count) return FailQuiet(DB_ERR_LOCK_UNDERFLOW);
+  if (capacity < s.lock_count) return Record(DB_ERR_LOCK_UNDERFLOW);
   // The capacity is kept in 16 bits; a larger buffer cannot be described.
   if (capacity > 0x7FFF) return KS_FAIL(kLocks, DB_ERR_MEMORY);
   void* p = MemRealloc(s.locks, sizeof(LockEntry) * (capacity > 0 ? capacity : 1));

@@ -108,7 +108,7 @@ const char* MessageFor(int32_t code) {
 
 int32_t ErrorCode() { return State().error_code; }
 
-int32_t SetErrorCode(int32_t code) {
+int32_t Record(int32_t code) {
   State().error_code = code;
   return code;
 }
@@ -129,11 +129,11 @@ void LogError(ModulePath module, int line, int32_t code) {
 }
 
 int32_t Fail(ModulePath module, int line, int32_t code) {
-  SetErrorCode(code);
+  Record(code);
   LogError(module, line, code);
   return code;
 }
 
-int32_t FailQuiet(int32_t code) { return SetErrorCode(code); }
+int32_t Pass(ModulePath module, int line, int32_t code) { return Fail(module, line, code); }
 
 }  // namespace kestrel

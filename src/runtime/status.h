@@ -1,17 +1,25 @@
-// The failure convention shared by the whole library.
+// The one way the library fails and succeeds.
 //
-// A failing operation records its status as the library error code, appends a
-// line to the error log (module path, source line, code) and returns the code.
-// One call does all three, so a failure path is one line:
+// Every operation reports through five helpers and nothing else:
+//
+//   KS_FAIL(module, code)  a failure found here: records the code as the library
+//                          error code, logs (module, line, code), returns it.
+//   KS_PASS(module, rc)    a callee's failure passed on: records it, logs it again
+//                          under this module (so the log shows the way out), returns it.
+//   Record(code)           records a code without a log line and returns it: quiet
+//                          failures, warnings and results reported as the code.
+//   Succeed()              records 0 and returns 0.
+//   Ok()                   returns the code as it stands (success that leaves the
+//                          code alone, as some operations document).
+//
+// A failure path is one line:
 //
 //     if (n < 0) return KS_FAIL(kModule, DB_ERR_BAD_DATA);
+//     if (rc < 0) return KS_PASS(kModule, rc);
 //
 // Each source file declares the module paths it reports under as constants:
 //
 //     constexpr ModulePath kModule = KS_ENGINE_MODULE("DOPEN");
-//
-// Successful operations either leave the code as it was (Ok()) or reset it
-// (Succeed()), as each operation documents.
 #pragma once
 
 #include <cstdint>
@@ -26,18 +34,18 @@ struct ModulePath {
   const char* path;
 };
 
-// Sets the library error code, logs (module, line, code) and returns code.
+// Records the library error code, logs (module, line, code) and returns code.
 int32_t Fail(ModulePath module, int line, int32_t code);
-// Sets the library error code without a log line and returns it.
-int32_t FailQuiet(int32_t code);
-// Writes a log line only (for failures passed on from an inner call).
+// Records code, logs it again under module (a failure passed on) and returns it.
+int32_t Pass(ModulePath module, int line, int32_t code);
+// Records the code without a log line and returns it.
+int32_t Record(int32_t code);
+// Writes a log line only (the log of a failure whose code is kept elsewhere).
 void LogError(ModulePath module, int line, int32_t code);
 // Current library error code.
 int32_t ErrorCode();
-// Stores the code and returns it.
-int32_t SetErrorCode(int32_t code);
-// Resets the code to 0 and returns 0.
-inline int32_t Succeed() { return SetErrorCode(0); }
+// Records 0 and returns 0.
+inline int32_t Succeed() { return Record(0); }
 // Returns the current code unchanged (the "success leaves the code" rule).
 inline int32_t Ok() { return ErrorCode(); }
 // The fixed message for a status code.
@@ -46,8 +54,7 @@ const char* MessageFor(int32_t code);
 }  // namespace kestrel
 
 #define KS_FAIL(module, code) ::kestrel::Fail((module), __LINE__, (code))
-// Passes on an inner failure: logs it again under this module and returns it.
-#define KS_PASS(module, code) (::kestrel::LogError((module), __LINE__, (code)), (code))
+#define KS_PASS(module, code) ::kestrel::Pass((module), __LINE__, (code))
 
 // Module path literals.
 // clang-format off

@@ -99,7 +99,7 @@ bool PlainDateValid(int32_t year, int32_t month, int32_t day) {
 int32_t GetDate(const FieldInfo& f, const uint8_t* stored, char* out) {
   int32_t style = State().default_date_style;
   int32_t year = 0, month = 0, day = 0;
-  SetErrorCode(0);  // the date calls report the current code on success
+  Succeed();  // the date calls report the current code on success
   bool digits = f.length >= 8;
   for (uint32_t i = 0; digits && i < 8; ++i) digits = stored[i] >= '0' && stored[i] <= '9';
   if (digits) {
@@ -126,13 +126,13 @@ int32_t GetDate(const FieldInfo& f, const uint8_t* stored, char* out) {
 
 int32_t PutDate(TableControl* t, const FieldInfo& f, const char* text) {
   int32_t year = 0, month = 0, day = 0;
-  SetErrorCode(0);  // the date calls report the current code on success
+  Succeed();  // the date calls report the current code on success
   int32_t rc = TextToDate(&year, &month, &day, text, State().default_date_style);
   uint8_t* stored = t->record + f.offset;
   uint32_t n = f.length < 8 ? f.length : 8;
   if (rc == DB_WARN_FILE_EMPTY) {
     std::memset(stored, ' ', n);
-    SetErrorCode(0);
+    Succeed();
     return 0;
   }
   if (rc < 0) return KS_PASS(kDfput, rc);

@@ -49,8 +49,8 @@ int32_t FindField(const TableControl* t, const char* name, ModulePath module) {
 // errors are passed on (already logged by the converter).
 namespace {
 int32_t Report(int32_t rc, ModulePath module) {
-  if (rc < 0) return KS_PASS(module, SetErrorCode(rc));
-  return SetErrorCode(rc);
+  if (rc < 0) return KS_PASS(module, rc);
+  return Record(rc);
 }
 }  // namespace
 
@@ -60,7 +60,7 @@ int32_t GetField(TableControl* t, const FieldInfo& f, void* out, bool as_text) {
 }
 
 int32_t PutField(TableControl* t, const FieldInfo& f, const void* in, bool as_text) {
-  SetErrorCode(0);
+  Succeed();
   int32_t rc = as_text ? PutText(t, f, static_cast<const char*>(in)) : PutValue(t, f, in);
   return Report(rc, kDfput);
 }
@@ -76,7 +76,7 @@ int32_t PutFieldBytes(TableControl* t, const FieldInfo& f, const void* in) {
 }
 
 int32_t IsFieldBlank(TableControl* t, const FieldInfo& f) {
-  if (FieldBlank(t, f)) return SetErrorCode(DB_WARN_FIELD_EMPTY);
+  if (FieldBlank(t, f)) return Record(DB_WARN_FIELD_EMPTY);
   return ErrorCode();
 }
 

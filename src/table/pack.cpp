@@ -110,7 +110,7 @@ int32_t ChooseWorkName(const char* table, const NameParts& parts, Name* work) {
     bool open_elsewhere =
         FileOpen(&probe, full.c_str(), kModeReadOnly | kModeShared, &attributes) >= 0;
     if (open_elsewhere) FileClose(probe);
-    SetErrorCode(before);
+    Record(before);
     if (open_elsewhere) continue;
     *work = std::move(full);
     return 0;
@@ -180,7 +180,7 @@ int32_t CopyActiveRecords(TableControl* t, TableControl* w) {
   int32_t records = window;
   int32_t rc = SetCacheCapacity(w, &records);
   if (rc < 0) return KS_PASS(kDpack, rc);
-  SetErrorCode(0);
+  Succeed();
   ResetCache(t);
   uint32_t count = t->RecordCount();
   for (uint32_t n = 1; n <= count;) {
@@ -209,7 +209,7 @@ int32_t BuildWorkTable(TableControl* t, const char* work) {
   int32_t wh = -1;
   rc = OpenTable(&wh, work, t->dialect);
   if (rc >= 0) {
-    SetErrorCode(0);
+    Succeed();
     TableControl* w = LookUp(wh, kDpack);
     rc = w ? CopyActiveRecords(t, w) : ErrorCode();
     int32_t crc = CleanUp([&] { return w ? CloseTable(wh, w) : 0; });
@@ -217,7 +217,7 @@ int32_t BuildWorkTable(TableControl* t, const char* work) {
   }
   if (rc < 0) {
     CleanUp([&] { return FileDelete(work); });
-    return KS_PASS(kDpack, SetErrorCode(rc));
+    return KS_PASS(kDpack, rc);
   }
   return 0;
 }
@@ -242,7 +242,7 @@ int32_t Reopen(int32_t* handle, const char* name, const Setup& setup) {
   }
   int32_t capacity = setup.capacity;
   if (capacity > 0) {
-    SetErrorCode(0);
+    Succeed();
     rc = CacheSize(t, &capacity, DB_CACHE_SET);
     if (rc < 0) return KS_PASS(kDpack, rc);
     return rc;  // 0, or the warning 209 when the old capacity could not be had
@@ -254,7 +254,7 @@ int32_t Reopen(int32_t* handle, const char* name, const Setup& setup) {
 
 int32_t PackTable(int32_t* handle, TableControl* t) {
   if (t->attributes & kAttrReadOnly) return KS_FAIL(kDpack, DB_ERR_READ_ONLY);
-  SetErrorCode(0);
+  Succeed();
   if (t->Buffered()) {
     int32_t rc = WriteBack(t, true, true);
     if (rc < 0) return KS_PASS(kDpack, rc);
@@ -291,43 +291,43 @@ int32_t PackTable(int32_t* handle, TableControl* t) {
       // with the capacity it chose.
       CleanUp([&] { return SetCacheCapacity(t, &capacity); });
     }
-    return SetErrorCode(rc);
+    return Record(rc);
   }
 
-  SetErrorCode(0);
+  Succeed();
   rc = CloseTable(*handle, t);
   *handle = -1;
   if (rc < 0) {
     CleanUp([&] { return FileDelete(work.c_str()); });
-    return KS_PASS(kDpack, SetErrorCode(rc));
+    return KS_PASS(kDpack, rc);
   }
 
-  SetErrorCode(0);
+  Succeed();
   FileDelete(backup.c_str());  // a missing backup is only a warning
-  SetErrorCode(0);
+  Succeed();
   rc = FileRename(backup.c_str(), table.c_str());
   if (rc != 0) {
     // The original never moved: give it back to the caller as it was.
     int32_t failed = KS_PASS(kDpack, rc);
     CleanUp([&] { return FileDelete(work.c_str()); });
     CleanUp([&] { return Reopen(handle, table.c_str(), setup); });
-    return SetErrorCode(failed);
+    return Record(failed);
   }
-  SetErrorCode(0);
+  Succeed();
   rc = FileRename(table.c_str(), work.c_str());
   if (rc != 0) {
     int32_t failed = KS_PASS(kDpack, rc);
-    SetErrorCode(0);
+    Succeed();
     if (FileRename(table.c_str(), backup.c_str()) == 0) {
       CleanUp([&] { return FileDelete(work.c_str()); });
       CleanUp([&] { return Reopen(handle, table.c_str(), setup); });
     }
-    return SetErrorCode(failed);
+    return Record(failed);
   }
-  SetErrorCode(0);
+  Succeed();
   rc = Reopen(handle, table.c_str(), setup);
-  if (rc < 0) return KS_PASS(kDpack, SetErrorCode(rc));
-  return SetErrorCode(rc);
+  if (rc < 0) return KS_PASS(kDpack, rc);
+  return Record(rc);
 }
 
 }  // namespace kestrel::table

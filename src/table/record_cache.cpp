@@ -167,7 +167,7 @@ int32_t LoadWindow(TableControl* t, uint32_t n) {
     // The header may promise more records than the file holds: keep the
     // whole records that are there; record n itself must be one of them.
     uint64_t size = 0;
-    SetErrorCode(0);
+    Succeed();
     if (FileSize(t->file, &size) < 0 || length == 0 || size < at + length) {
       return KS_FAIL(kDopen, DB_ERR_READ);
     }
@@ -234,7 +234,7 @@ int32_t SetCacheCapacity(TableControl* t, int32_t* records) {
   void* block = bytes <= 0x7FFFFFFFu ? MemRealloc(t->cache, (bytes ? bytes : 1) + wanted) : nullptr;
   if (!block) {
     *records = t->cache_capacity;
-    return SetErrorCode(DB_WARN_PARTIAL_MEMORY);
+    return Record(DB_WARN_PARTIAL_MEMORY);
   }
   t->cache = static_cast<uint8_t*>(block);
   t->cache_bytes = static_cast<uint32_t>(bytes);

@@ -209,7 +209,7 @@ int32_t Pack(TableControl* t, const uint8_t* in) {
 }  // namespace
 
 int32_t GetRecord(TableControl* t, void* buffer, int32_t recno) {
-  SetErrorCode(0);
+  Succeed();
   if (t->Shared()) {
     int32_t rc = RefreshRecordCount(t);
     if (rc < 0) return KS_PASS(kDrget, rc);
@@ -221,17 +221,17 @@ int32_t GetRecord(TableControl* t, void* buffer, int32_t recno) {
   if (rc < 0) return KS_PASS(kDrget, rc);
   if (buffer) {
     int32_t urc = Unpack(t, static_cast<uint8_t*>(buffer));
-    if (urc < 0) return SetErrorCode(urc);
+    if (urc < 0) return Record(urc);
   }
-  return SetErrorCode(rc);
+  return Record(rc);
 }
 
 int32_t PutRecord(TableControl* t, const void* buffer, int32_t* recno, int32_t mode) {
   if (t->attributes & kAttrReadOnly) return KS_FAIL(kDrput, DB_ERR_READ_ONLY);
-  SetErrorCode(0);
+  Succeed();
   if (buffer) {
     int32_t rc = Pack(t, static_cast<const uint8_t*>(buffer));
-    if (rc < 0) return SetErrorCode(rc);
+    if (rc < 0) return Record(rc);
   }
   int32_t rc = 0;
   if (mode == DB_RECORD_APPEND) {
@@ -239,7 +239,7 @@ int32_t PutRecord(TableControl* t, const void* buffer, int32_t* recno, int32_t m
       if (!(t->attributes & kAttrAutoLock)) return KS_FAIL(kDrput, DB_ERR_MUST_LOCK);
       AutoLock lock([t] { return UnlockHeaderRegion(t); });
       rc = LockHeaderRegion(t);
-      if (rc < 0) return KS_PASS(kDrput, SetErrorCode(rc));
+      if (rc < 0) return KS_PASS(kDrput, rc);
       lock.Hold();
       rc = lock.Release(AppendRecord(t, recno));
     } else {
@@ -249,7 +249,7 @@ int32_t PutRecord(TableControl* t, const void* buffer, int32_t* recno, int32_t m
     t->current = *recno;
     if (*recno < 1) return KS_FAIL(kDrput, DB_ERR_SEEK);
     rc = RefreshIfStale(t);
-    if (rc < 0) return KS_PASS(kDrput, SetErrorCode(rc));
+    if (rc < 0) return KS_PASS(kDrput, rc);
     // A replacement names an existing record: one past the end is refused
     // rather than written into the gap after the last record.
     uint32_t r = static_cast<uint32_t>(*recno);
@@ -258,13 +258,13 @@ int32_t PutRecord(TableControl* t, const void* buffer, int32_t* recno, int32_t m
   } else {
     return KS_FAIL(kDrput, DB_ERR_INVALID_COMMAND);
   }
-  if (rc < 0) return KS_PASS(kDrput, SetErrorCode(rc));
+  if (rc < 0) return KS_PASS(kDrput, rc);
   return 0;
 }
 
 int32_t MarkRecord(TableControl* t, int32_t recno, uint8_t mark) {
   if (t->attributes & kAttrReadOnly) return KS_FAIL(kDrstat, DB_ERR_READ_ONLY);
-  SetErrorCode(0);
+  Succeed();
   int32_t rc = RefreshIfStale(t);
   if (rc < 0) return KS_PASS(kDrstat, rc);
   if (recno < 1 || static_cast<uint32_t>(recno) > t->RecordCount()) {
@@ -291,16 +291,16 @@ int32_t MarkRecord(TableControl* t, int32_t recno, uint8_t mark) {
     if (w < 0) return KS_PASS(kDrstat, w);
     return 0;
   });
-  return SetErrorCode(rc);
+  return Record(rc);
 }
 
 int32_t IsRecordDeleted(TableControl* t) {
-  if (t->record[0] == kDeletedFlag) return SetErrorCode(DB_WARN_RECORD_DELETED);
+  if (t->record[0] == kDeletedFlag) return Record(DB_WARN_RECORD_DELETED);
   return ErrorCode();
 }
 
 int32_t GetRecordCount(TableControl* t, uint32_t* count) {
-  SetErrorCode(0);
+  Succeed();
   int32_t rc = RefreshIfStale(t);
   if (rc < 0) return KS_PASS(kDsize, rc);
   *count = t->RecordCount();
@@ -335,7 +335,7 @@ int32_t AtLastRecord(TableControl* t) {
 }
 
 int32_t CacheSize(TableControl* t, int32_t* records, int32_t op) {
-  SetErrorCode(0);
+  Succeed();
   if (!t->Buffered()) {
     *records = 0;
     return 0;

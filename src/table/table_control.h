@@ -95,9 +95,9 @@ struct TableControl : ControlBlock {
 template <class Step>
 int32_t CleanUp(Step step) {
   int32_t before = ErrorCode();
-  SetErrorCode(0);
+  Succeed();
   int32_t rc = step();
-  if (before < 0) SetErrorCode(before);
+  if (before < 0) Record(before);
   return rc;
 }
 

@@ -92,7 +92,7 @@ int32_t CreateTable(const char* name, int32_t field_count, DBFIELD* fields, int3
   uint32_t n = static_cast<uint32_t>(field_count);
   uint32_t header_length = dialect == 9 ? kDescriptorSize * (n + 2) : kDescriptorSize * n + 33;
   int32_t year = 0, month = 0, day = 0, weekday = 0;
-  SetErrorCode(0);  // the clock reports the current code on success
+  Succeed();  // the clock reports the current code on success
   int32_t rc = Today(&year, &month, &day, &weekday);
   if (rc < 0) return KS_PASS(kDcreate, rc);
 

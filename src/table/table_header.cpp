@@ -50,7 +50,7 @@ int32_t WriteHeader(TableControl* t, bool own_count) {
     if (own_count && mine > t->RecordCount()) t->SetRecordCount(mine);
   }
   int32_t year = 0, month = 0, day = 0, weekday = 0;
-  SetErrorCode(0);  // the clock reports the current code on success
+  Succeed();  // the clock reports the current code on success
   int32_t rc = Today(&year, &month, &day, &weekday);
   if (rc >= 0) {
     t->header[kHdrYear] = static_cast<uint8_t>(year % 100);
@@ -75,7 +75,7 @@ int32_t WriteHeader(TableControl* t, bool own_count) {
 }
 
 int32_t ReadFileHeader(TableControl* t) {
-  SetErrorCode(0);
+  Succeed();
   int32_t rc = RefreshRecordCount(t);
   if (rc < 0) return KS_PASS(kDopen, rc);
   return 0;

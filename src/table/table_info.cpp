@@ -63,16 +63,16 @@ int32_t GetLastUpdate(TableControl* t, char* buffer, int32_t date_style) {
   // The year byte is read signed: 103 (written on create in 2003) gives
   // 2003, 3 (written by a later update) gives 1903.
   int32_t year = static_cast<int8_t>(t->header[kHdrYear]) + 1900;
-  SetErrorCode(0);
+  Succeed();
   int32_t rc = DateToText(buffer, date_style, year, t->header[kHdrMonth], t->header[kHdrDay]);
   if (rc < 0) return KS_PASS(kDlud, rc);
   return Succeed();
 }
 
 int32_t SetProductionIndex(TableControl* t) {
-  if (t->dialect != 2 && t->dialect != 8) return FailQuiet(DB_ERR_VERSION);
+  if (t->dialect != 2 && t->dialect != 8) return Record(DB_ERR_VERSION);
   if (t->attributes & kAttrReadOnly) return KS_FAIL(kDhset, DB_ERR_READ_ONLY);
-  SetErrorCode(0);
+  Succeed();
   const uint8_t one = 1;
   int32_t rc = WriteHeaderBytes(t, kHdrProduction, &one, 1);
   if (rc < 0) return rc;
@@ -81,10 +81,10 @@ int32_t SetProductionIndex(TableControl* t) {
 }
 
 int32_t SetFieldIndexed(TableControl* t, int32_t field) {
-  if (t->dialect != 2 || t->header[kHdrProduction] == 0) return FailQuiet(DB_ERR_VERSION);
+  if (t->dialect != 2 || t->header[kHdrProduction] == 0) return Record(DB_ERR_VERSION);
   if (field < 0 || field >= t->field_count) return KS_FAIL(kDhset, DB_ERR_FIELD_COUNT);
   if (t->attributes & kAttrReadOnly) return KS_FAIL(kDhset, DB_ERR_READ_ONLY);
-  SetErrorCode(0);
+  Succeed();
   t->fields[field].indexed = 1;
   const uint8_t one = 1;
   uint64_t at = kHeaderSize + static_cast<uint64_t>(field) * kDescriptorSize + kDescIndexed;

@@ -187,10 +187,10 @@ constexpr ModulePath kDlinfo = KS_ENGINE_MODULE("DLINFO");
 // Runs op on a shared table; an unshared table succeeds at once.
 template <class Op>
 int32_t OnShared(TableControl* t, Op op) {
-  SetErrorCode(0);
+  Succeed();
   if (!t->Shared()) return 0;
   int32_t rc = op(t);
-  if (rc < 0) return KS_PASS(kDopen, SetErrorCode(rc));
+  if (rc < 0) return KS_PASS(kDopen, rc);
   return 0;
 }
 
@@ -235,15 +235,13 @@ int32_t LockTable(TableControl* t) { return OnShared(t, LockFileRegion); }
 int32_t LockHeader(TableControl* t) { return OnShared(t, LockHeaderRegion); }
 
 int32_t LockRecord(TableControl* t, int32_t recno) {
-  return OnShared(t, [recno](TableControl* c) {
-    return LockRecordRegion(c, static_cast<uint32_t>(recno));
-  });
+  return OnShared(
+      t, [recno](TableControl* c) { return LockRecordRegion(c, static_cast<uint32_t>(recno)); });
 }
 
 int32_t UnlockRecord(TableControl* t, int32_t recno) {
-  return OnShared(t, [recno](TableControl* c) {
-    return UnlockRecordRegion(c, static_cast<uint32_t>(recno));
-  });
+  return OnShared(
+      t, [recno](TableControl* c) { return UnlockRecordRegion(c, static_cast<uint32_t>(recno)); });
 }
 
 int32_t UnlockHeader(TableControl* t) { return OnShared(t, UnlockHeaderRegion); }
@@ -252,11 +250,11 @@ int32_t UnlockAll(TableControl* t) { return OnShared(t, UnlockAllRegions); }
 
 int32_t IsRecordLocked(TableControl* t, int32_t recno) {
   if (!t->Shared()) return ErrorCode();
-  return SetErrorCode(RecordLocked(t, static_cast<uint32_t>(recno)) ? 1 : 0);
+  return Record(RecordLocked(t, static_cast<uint32_t>(recno)) ? 1 : 0);
 }
 
 int32_t GetLockInfo(TableControl* t, DBLOCKINFO** locks, int32_t* count) {
-  SetErrorCode(0);
+  Succeed();
   *count = t->lock_count;
   if (t->lock_count <= 0) return 0;
   auto* out = static_cast<DBLOCKINFO*>(MemAlloc(sizeof(DBLOCKINFO) * t->lock_count));

@@ -9,7 +9,6 @@
 #include <cstring>
 
 #include "runtime/boundary.h"
-#include "runtime/boundary.h"
 #include "table/table_control.h"
 #include "util/coding.h"
 
@@ -156,14 +155,14 @@ int32_t OpenTable(int32_t* handle, const char* name, int32_t mode) {
   if (rc < 0) {
     Discard(*handle, t);
     *handle = -1;
-    return SetErrorCode(rc);
+    return Record(rc);
   }
   return Succeed();
 }
 
 int32_t FlushTable(TableControl* t) {
   if (t->attributes & kAttrReadOnly) return KS_FAIL(kDopen, DB_ERR_READ_ONLY);
-  SetErrorCode(0);
+  Succeed();
   int32_t rc = 0;
   if (!t->Buffered()) {
     rc = FileFlush(t->file);
@@ -178,11 +177,11 @@ int32_t FlushTable(TableControl* t) {
 }
 
 int32_t CloseTable(int32_t handle, TableControl* t) {
-  SetErrorCode(0);
+  Succeed();
   int32_t rc = 0;
   if (t->Buffered() && !(t->attributes & kAttrReadOnly)) rc = WriteBack(t, true, true);
   Discard(handle, t);
-  if (rc < 0) return KS_PASS(kDopen, SetErrorCode(rc));
+  if (rc < 0) return KS_PASS(kDopen, rc);
   return 0;
 }
 

@@ -40,16 +40,16 @@ int32_t Cut(TableControl* t) {
 
 int32_t ZapTable(TableControl* t) {
   if (t->attributes & kAttrReadOnly) return KS_FAIL(kDzap, DB_ERR_READ_ONLY);
-  SetErrorCode(0);
+  Succeed();
   AutoLock lock([t] { return UnlockAllRegions(t); });
   if (t->Shared() && t->lock_state != kLockFile) {
     if (!(t->attributes & kAttrAutoLock)) return KS_FAIL(kDzap, DB_ERR_MUST_LOCK);
     int32_t rc = LockFileRegion(t);
-    if (rc < 0) return KS_PASS(kDzap, SetErrorCode(rc));
+    if (rc < 0) return KS_PASS(kDzap, rc);
     lock.Hold();
   }
   int32_t rc = lock.Release(Cut(t));
-  if (rc < 0) return KS_PASS(kDzap, SetErrorCode(rc));
+  if (rc < 0) return KS_PASS(kDzap, rc);
   return Succeed();
 }
 

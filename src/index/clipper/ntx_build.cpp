@@ -17,6 +17,7 @@
 #include "kestrel/kestrel_table.h"
 #include "runtime/file_services.h"
 #include "runtime/memory.h"
+#include "table/table_control.h"
 
 namespace kestrel::ntx {
 namespace {
@@ -234,9 +235,9 @@ int32_t BuildIndex(int32_t table, const char* file_name, int32_t key_type, char*
   if (!file_name || !expression) return KS_FAIL(kBuild, DB_ERR_NULL);
   bool with_decimals = (key_type & 0x10000) != 0;
   key_type &= ~0x10000;
-  uint32_t count = 0;
-  int32_t rc = DBGetRecordCount(table, &count);
-  if (rc < 0) return KS_PASS(kBuild, rc);
+  // An unknown table fails before anything is written.
+  if (!table::LookUp(table, kBuild)) return ErrorCode();
+  int32_t rc = 0;
   // The new index is written to a work file beside the old one and moved
   // over it only when complete: a build that fails or is stopped leaves the
   // old index as it was.
@@ -254,10 +255,10 @@ int32_t BuildIndex(int32_t table, const char* file_name, int32_t key_type, char*
   int32_t status = FillIndex(table, ix, file_name, progress);
   int32_t closed = CloseIndex(handle);  // flushes the file to disk
   if (status >= 0 && closed < 0) status = closed;
-  if (status < 0) return SetErrorCode(status);
+  if (status < 0) return Record(status);
   rc = work.Replace();
   if (rc < 0) return rc;
-  return SetErrorCode(status);
+  return Record(status);
 }
 
 }  // namespace kestrel::ntx

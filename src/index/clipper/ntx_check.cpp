@@ -35,7 +35,7 @@ class NtxChecker : public index::Checker {
   int32_t Run(FileHandle file);
 
  private:
-  void HeaderExtensions(const uint8_t* h, size_t size);
+  void HeaderExtensions(const uint8_t* h, size_t size, uint16_t binary);
   void Walk(uint32_t offset, int depth, bool is_root);
   bool FreeLink(uint32_t offset, const uint8_t* page, uint32_t* next);
 
@@ -116,12 +116,12 @@ bool NtxChecker::FreeLink(uint32_t offset, const uint8_t* page, uint32_t* next) 
 // The binary key type, or a FOR condition and a tag name where other writers
 // put them.  Those indexes are sound; their keys are those of the records the
 // condition selects, which this library does not evaluate.
-void NtxChecker::HeaderExtensions(const uint8_t* h, size_t size) {
-  if (HeaderText(h + kHdrForCondition, std::min<size_t>(kForConditionSize, size - kHdrForCondition))) {
+void NtxChecker::HeaderExtensions(const uint8_t* h, size_t size, uint16_t binary) {
+  if (HeaderText(h + kHdrForCondition,
+                 std::min<size_t>(kForConditionSize, size - kHdrForCondition))) {
     Note(0, "FOR condition: %.120s (keys only of the records it selects)",
          reinterpret_cast<const char*>(h + kHdrForCondition));
   } else {
-    uint16_t binary = LoadLE16(h + kHdrBinaryType);
     if (binary > 6) Fault(0, DB_ERR_KEY_TYPE, "binary key type %u outside 0..6", binary);
   }
   if (size >= kHdrTagName + kTagNameSize && HeaderText(h + kHdrTagName, kTagNameSize)) {
@@ -143,18 +143,19 @@ int32_t NtxChecker::Run(FileHandle file) {
     Fault(0, DB_WARN_FILE_LENGTH, "file length %llu is not a multiple of %u",
           static_cast<unsigned long long>(length()), kPageSize);
   }
-  uint16_t signature = LoadLE16(h + kHdrSignature);
-  if (signature != kSignatureAscending && signature != kSignatureDescending) {
-    Fault(0, DB_ERR_CORRUPTED, "signature %u is neither 6 nor 7", signature);
+  Header hd;
+  hd.Read(std::span<const uint8_t, kHeaderReadSize>(h, kHeaderReadSize));
+  if (hd.signature != kSignatureAscending && hd.signature != kSignatureDescending) {
+    Fault(0, DB_ERR_CORRUPTED, "signature %u is neither 6 nor 7", hd.signature);
   }
-  key_length_ = LoadLE16(h + kHdrKeyLength);
-  item_size_ = LoadLE16(h + kHdrItemSize);
-  max_items_ = LoadLE16(h + kHdrMaxItems);
-  half_ = LoadLE16(h + kHdrHalfPage);
-  uint32_t root = LoadLE32(h + kHdrRoot);
-  uint32_t free_head = LoadLE32(h + kHdrFreeList);
-  bool unique = h[kHdrUnique] != 0;
-  bool descending = h[kHdrDescending] != 0;
+  key_length_ = hd.key_length;
+  item_size_ = hd.item_size;
+  max_items_ = hd.max_items;
+  half_ = hd.half_page;
+  const uint32_t root = hd.root;
+  const uint32_t free_head = hd.free_head;
+  const bool unique = hd.unique != 0;
+  const bool descending = hd.descending != 0;
   summary()->key_length = static_cast<uint16_t>(key_length_);
   summary()->unique = unique;
   summary()->descending = descending;
@@ -177,14 +178,12 @@ int32_t NtxChecker::Run(FileHandle file) {
       fatal = true;
     }
   }
-  if (h[kHdrUnique] > 1 || h[kHdrDescending] > 1) {
+  if (hd.unique > 1 || hd.descending > 1) {
     Fault(0, DB_ERR_CORRUPTED, "unique or descending flag byte is neither 0 nor 1");
   }
-  HeaderExtensions(h, header_bytes);
-  if (strnlen(reinterpret_cast<const char*>(h + kHdrExpression), kExpressionSize) >=
-      static_cast<size_t>(kExpressionSize)) {
+  HeaderExtensions(h, header_bytes, hd.binary_type);
+  if (!hd.expression_terminated)
     Fault(0, DB_ERR_BAD_EXPRESSION, "key expression is not terminated");
-  }
   if (!ValidPageOffset(root, length())) {
     Fault(0, DB_ERR_ROOT_PAGE, "root offset %u is outside the file", root);
     fatal = true;
@@ -221,7 +220,7 @@ int32_t CheckIndexHandle(int32_t handle, Vec<CheckFinding>* findings, CheckSumma
   if (rc < 0) return rc;
   *summary = CheckSummary{};
   findings->clear();
-  SetErrorCode(0);
+  Succeed();
   if (!(ix->state & kStateReadOnly)) {
     rc = FlushIndex(ix, false);
     if (rc < 0) return KS_PASS(kCheck, rc);

@@ -5,8 +5,7 @@
 
 namespace kestrel::ntx {
 
-int32_t Header::DecodeFrom(std::span<const uint8_t> bytes, uint64_t file_length) {
-  if (bytes.size() < kHeaderReadSize) return DB_ERR_READ;
+void Header::Read(std::span<const uint8_t, kHeaderReadSize> bytes) {
   const uint8_t* h = bytes.data();
   signature = LoadLE16(h + kHdrSignature);
   version = LoadLE16(h + kHdrVersion);
@@ -20,16 +19,23 @@ int32_t Header::DecodeFrom(std::span<const uint8_t> bytes, uint64_t file_length)
   unique = h[kHdrUnique];
   descending = h[kHdrDescending];
   binary_type = LoadLE16(h + kHdrBinaryType);
-  if (key_length < 1 || key_length > kMaxKeyLength) return DB_ERR_KEY_LENGTH;
-  if (item_size != key_length + kItemOverhead) return DB_ERR_ITEM_LENGTH;
-  if (root < kPageSize || root >= file_length || root % kPageSize != 0) return DB_ERR_ROOT_PAGE;
-  if (max_items != MaxItemsFor(key_length)) return DB_ERR_MAX_KEYS;
-  if (half_page != max_items / 2) return DB_ERR_MIN_KEYS;
   const char* stored = reinterpret_cast<const char*>(h + kHdrExpression);
   size_t length = strnlen(stored, kExpressionSize);
-  if (length >= static_cast<size_t>(kExpressionSize)) return DB_ERR_BAD_EXPRESSION;
+  expression_terminated = length < static_cast<size_t>(kExpressionSize);
+  if (!expression_terminated) length = kExpressionSize - 1;
   std::memcpy(expression, stored, length);
   std::memset(expression + length, 0, kExpressionSize - length);
+}
+
+int32_t Header::DecodeFrom(std::span<const uint8_t> bytes, uint64_t file_length) {
+  if (bytes.size() < kHeaderReadSize) return DB_ERR_READ;
+  Read(bytes.first<kHeaderReadSize>());
+  if (key_length < 1 || key_length > kMaxKeyLength) return DB_ERR_KEY_LENGTH;
+  if (item_size != key_length + kItemOverhead) return DB_ERR_ITEM_LENGTH;
+  if (!ValidPageOffset(root, file_length)) return DB_ERR_ROOT_PAGE;
+  if (max_items != MaxItemsFor(key_length)) return DB_ERR_MAX_KEYS;
+  if (half_page != max_items / 2) return DB_ERR_MIN_KEYS;
+  if (!expression_terminated) return DB_ERR_BAD_EXPRESSION;
   return 0;
 }
 

@@ -112,7 +112,11 @@ struct Header {
   uint8_t unique = 0;                     // 1 = unique
   uint8_t descending = 0;                 // 1 = descending
   uint16_t binary_type = 0;               // 0, or 1..6
+  bool expression_terminated = true;      // the stored expression ended in its field
 
+  // Reads the fields without judging them (the checker reports every broken
+  // rule; an open stops at the first).
+  void Read(std::span<const uint8_t, kHeaderReadSize> bytes);
   // Reads the fields from the first kHeaderReadSize bytes and checks them in
   // the order an open reports them: key length -223, item size -224, root
   // (a page of a file of file_length bytes) -225, maximum items -226, half

@@ -103,7 +103,7 @@ int32_t CreateIndex(const char* file_name, int32_t key_type, char* expression, i
   uint8_t page[kPageSize];
   header.EncodeTo(page);
 
-  SetErrorCode(0);
+  Succeed();
   FileHandle file = kNoFile;
   int32_t rc = FileCreate(&file, file_name);
   if (rc < 0) return KS_PASS(kCreate, rc);
@@ -173,7 +173,7 @@ int32_t OpenIndex(int32_t* handle, const char* file_name, int32_t open_mode) {
   int32_t rc = AllocateHandle<NtxIndex>(handle, DB_KIND_NTX_INDEX, &ix);
   if (rc < 0) return KS_PASS(kOpen, rc);
   ix->file = kNoFile;
-  SetErrorCode(0);
+  Succeed();
 
   int32_t mode = NormaliseOpenSwitches(open_mode);
   uint32_t attributes = 0;
@@ -216,9 +216,9 @@ int32_t OpenIndex(int32_t* handle, const char* file_name, int32_t open_mode) {
     if (ix->file != kNoFile) FileClose(ix->file);
     ReleaseHandle(*handle);
     *handle = -1;
-    return SetErrorCode(rc);
+    return Record(rc);
   }
-  if (file_length % kPageSize != 0) return SetErrorCode(DB_WARN_FILE_LENGTH);
+  if (file_length % kPageSize != 0) return Record(DB_WARN_FILE_LENGTH);
   return Succeed();
 }
 
@@ -228,7 +228,7 @@ int32_t CloseIndex(int32_t handle) {
   NtxIndex* ix = nullptr;
   int32_t rc = SelectIndex(handle, &ix, kOpen);
   if (rc < 0) return rc;
-  SetErrorCode(0);
+  Succeed();
   int32_t result = 0;
   if (!(ix->state & kStateReadOnly)) {
     rc = FlushIndex(ix, false);
@@ -241,7 +241,7 @@ int32_t CloseIndex(int32_t handle) {
   ix->pages.Unmap();
   FileClose(ix->file);
   ReleaseHandle(handle);
-  return SetErrorCode(result);
+  return Record(result);
 }
 
 // ------------------------------------------------------------ page cache

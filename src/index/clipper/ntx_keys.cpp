@@ -313,7 +313,7 @@ int32_t DateToKey(char* key, const char* date, int32_t style) {
       std::memcpy(key, text, 8);
   }
   key[8] = '\0';
-  return SetErrorCode(0);
+  return Record(0);
 }
 
 int32_t KeyToDate(char* date, int32_t style, const char* key) {
@@ -334,7 +334,7 @@ int32_t KeyToDate(char* date, int32_t style, const char* key) {
       date[0] = '\0';
     }
   }
-  return SetErrorCode(0);
+  return Record(0);
 }
 
 // Converts an evaluated value into the index's key bytes (key_length + 1

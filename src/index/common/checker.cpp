@@ -72,8 +72,8 @@ bool LooksLikeIdx(const uint8_t* h, size_t size, uint64_t length) {
   int key_length = LoadLE16(h + 12);
   return root >= 512 && root % 512 == 0 && root < length &&
          (free_list == 0xFFFFFFFFu || (free_list % 512 == 0 && free_list < length)) &&
-         end % 512 == 0 && end <= length && key_length >= 1 && key_length <= 240 &&
-         h[14] < 0x20 && h[15] == 0 && Printable(h + 16, 220);
+         end % 512 == 0 && end <= length && key_length >= 1 && key_length <= 240 && h[14] < 0x20 &&
+         h[15] == 0 && Printable(h + 16, 220);
 }
 
 // An .NDX file: root page and page count within the file (512-byte pages),
@@ -148,7 +148,7 @@ int32_t OnFile(const char* path, Body&& body) {
   if (rc >= 0) rc = body(file, length);
   FileClose(file);
   if (rc < 0) return KS_PASS(kCheck, rc);
-  return SetErrorCode(rc);
+  return Record(rc);
 }
 
 }  // namespace
@@ -158,7 +158,7 @@ int32_t CheckFileWith(const char* path, FileChecker check, Vec<CheckFinding>* fi
   if (!path || !check || !findings || !summary) return KS_FAIL(kCheck, DB_ERR_NULL);
   *summary = CheckSummary{};
   findings->clear();
-  SetErrorCode(0);
+  Succeed();
   return OnFile(path, [&](FileHandle file, uint64_t length) {
     int32_t rc = check(file, length, findings, summary);
     return rc < 0 ? rc : 0;
@@ -173,7 +173,7 @@ int32_t CheckIndexFile(const char* path, const FormatChecker* checkers, size_t c
   *summary = CheckSummary{};
   *format = IndexFormat::kUnknown;
   findings->clear();
-  SetErrorCode(0);
+  Succeed();
   return OnFile(path, [&](FileHandle file, uint64_t length) {
     uint8_t head[1024] = {};
     size_t size = length < sizeof head ? static_cast<size_t>(length) : sizeof head;
@@ -187,7 +187,7 @@ int32_t CheckIndexFile(const char* path, const FormatChecker* checkers, size_t c
       if (checkers[i].format == *format) chosen = &checkers[i];
     }
     if (!chosen) return int32_t{DB_WARN_NOT_SUPPORTED};
-    SetErrorCode(0);
+    Succeed();
     int32_t rc = chosen->check(file, length, findings, summary);
     return rc < 0 ? rc : 0;
   });
@@ -195,13 +195,9 @@ int32_t CheckIndexFile(const char* path, const FormatChecker* checkers, size_t c
 
 // ---- Checker --------------------------------------------------------------
 
-Checker::Checker(FileHandle file, uint64_t length, uint32_t page_size,
-                 Vec<CheckFinding>* findings, CheckSummary* summary)
-    : file_(file),
-      length_(length),
-      page_size_(page_size),
-      findings_(findings),
-      summary_(summary) {}
+Checker::Checker(FileHandle file, uint64_t length, uint32_t page_size, Vec<CheckFinding>* findings,
+                 CheckSummary* summary)
+    : file_(file), length_(length), page_size_(page_size), findings_(findings), summary_(summary) {}
 
 void Checker::Add(Severity severity, uint32_t page, int32_t code, const char* format,
                   va_list args) {
@@ -329,8 +325,8 @@ void Checker::Key(uint32_t page, const uint8_t* key, uint32_t record) {
     while (i < key_length_ && first[i] == second[i]) ++i;
     if (i == key_length_) {
       if (unique_) {
-        Fault(page, DB_ERR_CORRUPTED, "key of record %u is out of order (duplicate in a unique index)",
-              record);
+        Fault(page, DB_ERR_CORRUPTED,
+              "key of record %u is out of order (duplicate in a unique index)", record);
       }
     } else {
       before_[first[i] * 4 + second[i] / 64] |= uint64_t{1} << (second[i] % 64);

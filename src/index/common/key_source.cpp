@@ -6,14 +6,16 @@
 
 #include "expr/evaluate.h"
 #include "expr/parse_entries.h"
-#include "kestrel/kestrel_table.h"
 #include "runtime/library_state.h"
+#include "table/table_control.h"
 
 namespace kestrel::index {
 
 int32_t TableKeySource::Start() {
+  control_ = table::LookUp(table_, module_);
+  if (!control_) return ErrorCode();
   uint32_t records = 0;
-  int32_t rc = DBGetRecordCount(table_, &records);
+  int32_t rc = table::GetRecordCount(control_, &records);
   if (rc < 0) return KS_PASS(module_, rc);
   // A count beyond what a record number can name is read up to the first
   // record the file does not hold, which fails the build.
@@ -25,11 +27,10 @@ int32_t TableKeySource::Start() {
   // every record.  Numbers are keyed from their stored digits where the
   // engine says that is exact; other texts take the evaluator's way.
   if (expr::KeywordCount() == 0 && std::strpbrk(expression_, "+-(),") == nullptr) {
-    DBFIELD d{};
-    int32_t f = -1;
-    if (DBGetFieldNumber(table_, &f, expression_) >= 0 &&
-        DBGetFieldDescription(table_, f, &d) >= 0 && d.length > 0) {
-      int type = d.type & 0xFF;
+    const int32_t f = table::FieldNumberOf(control_, expression_);
+    if (f >= 0 && control_->fields[f].length > 0) {
+      const table::FieldInfo& d = control_->fields[f];
+      const int type = d.type;
       bool usable = type == 'C' || ((type == 'N' || type == 'F') && maker_.TakesNumericText());
       if (usable && field_text_.Allocate(d.length + 1u)) {
         direct_field_ = f;
@@ -41,21 +42,21 @@ int32_t TableKeySource::Start() {
 }
 
 int32_t TableKeySource::KeyOf(uint32_t record, uint8_t* key) {
-  SetErrorCode(0);
-  int32_t rc = DBGetRecord(table_, static_cast<int32_t>(record));
+  Succeed();
+  int32_t rc = table::GetRecord(control_, nullptr, static_cast<int32_t>(record));
   if (rc < 0) return KS_PASS(module_, rc);
   char* text = reinterpret_cast<char*>(field_text_.data());
   int text_length = static_cast<int>(field_text_.size()) - 1;
   if (direct_type_ == 'N' || direct_type_ == 'F') {
     int32_t made = 0;
-    int32_t got = DBGetFieldBinary(table_, direct_field_, text);
+    int32_t got = table::GetFieldBytes(control_, control_->fields[direct_field_], text);
     if (got < 0) return KS_PASS(module_, got);
     if (maker_.FromNumericText(text, text_length, key, &made)) return made;
   }
   DBEXPRVALUE v{};
   int32_t got = 0;
   if (direct_type_ == 'C') {
-    got = DBGetFieldData(table_, direct_field_, text);
+    got = table::GetField(control_, control_->fields[direct_field_], text, false);
     text[text_length] = '\0';
     v.value = text;
     v.type = 'C';

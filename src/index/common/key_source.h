@@ -15,6 +15,10 @@
 #include "runtime/memory.h"
 #include "runtime/status.h"
 
+namespace kestrel::table {
+struct TableControl;
+}
+
 namespace kestrel::index {
 
 // Room a key buffer handed to KeyOf has: the longest key any engine builds,
@@ -69,6 +73,7 @@ class TableKeySource final : public KeySource {
 
  private:
   int32_t table_;
+  table::TableControl* control_ = nullptr;  // the open table, found by Start
   const char* expression_;
   KeyMaker& maker_;
   ModulePath module_;

@@ -89,7 +89,7 @@ Sorter::~Sorter() {
     if (files_[i] != kNoFile) FileClose(files_[i]);
     FileDelete(names_[i].data());
   }
-  SetErrorCode(code);
+  Record(code);
 }
 
 size_t Sorter::spilled_runs() const { return files_.size(); }
@@ -149,9 +149,9 @@ int32_t Sorter::Spill(uint64_t n) {
   prefix.insert(prefix.end(), kSortFilePrefix, kSortFilePrefix + sizeof kSortFilePrefix);
   Vec<char> name(prefix.size() + sizeof kSortFileSuffix + 32, '\0');
   FileHandle file = kNoFile;
-  SetErrorCode(0);
-  int32_t rc = FileCreateUnique(&file, prefix.data(), kSortFileSuffix, &sequence_, name.data(),
-                                name.size());
+  Succeed();
+  int32_t rc =
+      FileCreateUnique(&file, prefix.data(), kSortFileSuffix, &sequence_, name.data(), name.size());
   if (rc < 0) return KS_PASS(module_, rc);
   files_.push_back(file);
   names_.push_back(std::move(name));

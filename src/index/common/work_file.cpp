@@ -15,7 +15,7 @@ WorkFile::~WorkFile() {
     // A failure here must not replace the build's own status.
     int32_t code = ErrorCode();
     FileDelete(name_.data());
-    SetErrorCode(code);
+    Record(code);
   }
 }
 
@@ -28,7 +28,7 @@ int32_t WorkFile::Create(const char* target) {
   name_.assign(prefix.size() + sizeof kWorkSuffix + 32, '\0');
   FileHandle file = kNoFile;
   uint32_t sequence = 0;
-  SetErrorCode(0);
+  Succeed();
   int32_t rc =
       FileCreateUnique(&file, prefix.data(), kWorkSuffix, &sequence, name_.data(), name_.size());
   if (rc < 0) {
@@ -41,7 +41,7 @@ int32_t WorkFile::Create(const char* target) {
 }
 
 int32_t WorkFile::Replace() {
-  SetErrorCode(0);
+  Succeed();
   int32_t rc = FileReplace(target_, name_.data());
   if (rc < 0) return KS_PASS(module_, rc);
   pending_ = false;

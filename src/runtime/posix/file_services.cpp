@@ -125,7 +125,7 @@ int32_t FileOpen(FileHandle* handle, const char* name, int32_t mode, uint32_t* a
 }
 
 int32_t FileCreate(FileHandle* handle, const char* name) {
-  if (!handle || !name) return FailQuiet(DB_ERR_NULL);
+  if (!handle || !name) return Record(DB_ERR_NULL);
   if (name[0] == '\0') return KS_FAIL(kInit, DB_ERR_INVALID_FILENAME);
   // Open without truncating, take the shared lock, then truncate: a file that
   // someone holds exclusively is refused before it is damaged.
@@ -180,13 +180,13 @@ int32_t FileSeek(FileHandle handle, uint64_t offset) {
 
 int32_t FileRead(FileHandle handle, void* buffer, size_t count) {
   if (!buffer) return KS_FAIL(kFile, DB_ERR_NULL);
-  if (!ReadFully(handle, buffer, count, -1)) return FailQuiet(DB_ERR_READ);
+  if (!ReadFully(handle, buffer, count, -1)) return Record(DB_ERR_READ);
   return Ok();
 }
 
 int32_t FileWrite(FileHandle handle, const void* buffer, size_t count, int32_t flush) {
   if (!buffer) return KS_FAIL(kFile, DB_ERR_NULL);
-  if (!WriteFully(handle, buffer, count, -1)) return FailQuiet(DB_ERR_WRITE);
+  if (!WriteFully(handle, buffer, count, -1)) return Record(DB_ERR_WRITE);
   if (flush & 0xFFFF) return FileFlush(handle);
   return Ok();
 }
@@ -194,8 +194,7 @@ int32_t FileWrite(FileHandle handle, const void* buffer, size_t count, int32_t f
 int32_t FileReadAt(FileHandle handle, uint64_t offset, void* buffer, size_t count) {
   if (!buffer) return KS_FAIL(kFile, DB_ERR_NULL);
   if (offset > static_cast<uint64_t>(INT64_MAX)) return KS_FAIL(kFile, DB_ERR_SEEK_REFUSED);
-  if (!ReadFully(handle, buffer, count, static_cast<int64_t>(offset)))
-    return FailQuiet(DB_ERR_READ);
+  if (!ReadFully(handle, buffer, count, static_cast<int64_t>(offset))) return Record(DB_ERR_READ);
   return Ok();
 }
 
@@ -203,8 +202,7 @@ int32_t FileWriteAt(FileHandle handle, uint64_t offset, const void* buffer, size
                     int32_t flush) {
   if (!buffer) return KS_FAIL(kFile, DB_ERR_NULL);
   if (offset > static_cast<uint64_t>(INT64_MAX)) return KS_FAIL(kFile, DB_ERR_SEEK_REFUSED);
-  if (!WriteFully(handle, buffer, count, static_cast<int64_t>(offset)))
-    return FailQuiet(DB_ERR_WRITE);
+  if (!WriteFully(handle, buffer, count, static_cast<int64_t>(offset))) return Record(DB_ERR_WRITE);
   if (flush & 0xFFFF) return FileFlush(handle);
   return Ok();
 }
@@ -283,7 +281,7 @@ int32_t FileReplace(const char* new_name, const char* old_name) {
 
 int32_t FileCreateUnique(FileHandle* handle, const char* prefix, const char* suffix,
                          uint32_t* sequence, char* name, size_t capacity) {
-  if (!handle || !prefix || !suffix || !sequence || !name) return FailQuiet(DB_ERR_NULL);
+  if (!handle || !prefix || !suffix || !sequence || !name) return Record(DB_ERR_NULL);
   *handle = kNoFile;
   const long pid = static_cast<long>(::getpid());
   // Names that exist are skipped; a bound keeps a folder that refuses every
