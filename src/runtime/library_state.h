@@ -5,7 +5,7 @@
 // The state has no lock: callers serialise their calls into the library.
 // Every other subsystem owns its own process-wide data (the evaluator and its
 // keyword registry in src/expr, the month table in src/datetime, the soundex
-// result in src/text); a subsystem whose data DBTerminate must release
+// result in src/text, the build sort budget in src/index/common); a subsystem whose data DBTerminate must release
 // registers a reset routine here (OnTerminate).
 #pragma once
 
@@ -82,10 +82,6 @@ struct LibraryState {
   // Dates.
   int32_t default_date_style = 2;
 
-  // Clipper index builds: bytes of keys sorted in memory before the build
-  // spills sorted runs to temporary files; 0 means the built-in default.
-  // (Kept here until the index engines keep their own settings.)
-  uint64_t ntx_sort_budget = 0;
 };
 
 // The single instance.

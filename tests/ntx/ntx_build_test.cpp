@@ -55,7 +55,7 @@ class NtxBuildTest : public NtxTest {
     for (int r = 5; r <= kRecords; r += 97) ASSERT_EQ(DBMarkRecordInActive(table_, r), 0);
   }
   void TearDown() override {
-    State().ntx_sort_budget = 0;
+    index::SetBuildSortBudget(0);
     if (table_ >= 0) DBCloseFile(table_);
     NtxTest::TearDown();
   }
@@ -138,7 +138,7 @@ TEST_F(NtxBuildTest, TemporarySortFilesGiveTheSameIndex) {
   std::string expr = "NAME";
   std::string memory = dir_.File("m.ntx");
   ASSERT_EQ(DBclBuildIndex(table_, memory.c_str(), 'C', expr.data(), 12, 0), 0);
-  State().ntx_sort_budget = 16 * 100;  // runs of 100 keys: 30 sort files
+  index::SetBuildSortBudget(16 * 100);  // runs of 100 keys: 30 sort files
   // Files that happen to have the names this process would try first (left
   // by an earlier process with the same id) are passed over, not reused.
   std::string pid = std::to_string(getpid());
@@ -188,7 +188,7 @@ TEST_F(NtxBuildTest, FailedOrStoppedBuildKeepsTheOldIndex) {
        {DB_CL_BUILD_WRITING, 1000}, -212},
   };
   for (const Case& c : cases) {
-    State().ntx_sort_budget = c.budget;
+    index::SetBuildSortBudget(c.budget);
     std::string e = c.expression;
     auto stop = [](void* context, int32_t phase, uint64_t done, uint64_t) -> int32_t {
       const Stop* s = static_cast<const Stop*>(context);
@@ -206,7 +206,7 @@ TEST_F(NtxBuildTest, FailedOrStoppedBuildKeepsTheOldIndex) {
     EXPECT_EQ(Listing(), listing) << c.what;
   }
   // A build that completes replaces the old index.
-  State().ntx_sort_budget = 16 * 100;
+  index::SetBuildSortBudget(16 * 100);
   ASSERT_EQ(DBclBuildIndex(table_, path.c_str(), 'C' | DB_CL_DESCENDING, expr.data(), 12, 0), 0);
   EXPECT_FALSE(ReadFileBytes(path) == old);
   EXPECT_EQ(FileFindings(path), "");
@@ -257,7 +257,7 @@ TEST_F(NtxBuildTest, TwoBuildsInOneFolderAtOnce) {
     if (DBOpenFile(&t, table_path_.c_str(), DB_DIALECT_CLIPPER | DB_OPEN_READONLY | DB_OPEN_SHARED) != 0) {
       _exit(2);
     }
-    State().ntx_sort_budget = 16 * 100;
+    index::SetBuildSortBudget(16 * 100);
     auto meet = [](void* context, int32_t phase, uint64_t done, uint64_t total) -> int32_t {
       auto* b = static_cast<Barrier*>(context);
       if (phase == DB_CL_BUILD_READING && done == total) {

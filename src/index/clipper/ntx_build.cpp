@@ -208,7 +208,7 @@ int32_t FillIndex(int32_t table, NtxIndex* ix, const char* file_name,
   int32_t rc = source.Start();
   if (rc < 0) return rc;
   index::Sorter sorted({k.key_length, IsDescending(ix), IsUnique(ix)}, file_name,
-                       State().ntx_sort_budget, kBuild);
+                       index::BuildSortBudget(), kBuild);
   int32_t status = sorted.Sort(source, progress);
   if (status < 0 || sorted.count() == 0) return status;
   rc = sorted.Rewind();

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "runtime/file_services.h"
+#include "runtime/library_state.h"
 #include "util/coding.h"
 
 namespace kestrel::index {
@@ -16,6 +17,10 @@ constexpr uint64_t kProgressStep = 1 << 16;
 constexpr size_t kPrefetchAhead = 16;
 constexpr char kSortFilePrefix[] = "STKS";
 constexpr char kSortFileSuffix[] = ".TMP";
+
+uint64_t g_sort_budget = 0;
+
+void ResetSortBudget() { g_sort_budget = 0; }
 
 uint64_t PrefixWord(const uint8_t* key, int from, int length) {
   uint64_t p = 0;
@@ -75,6 +80,13 @@ struct Sorter::HeapGreater {
   const Sorter* s;
   bool operator()(uint32_t a, uint32_t b) const { return s->ReaderBefore(b, a); }
 };
+
+uint64_t BuildSortBudget() { return g_sort_budget; }
+
+void SetBuildSortBudget(uint64_t bytes) {
+  OnTerminate(&ResetSortBudget);
+  g_sort_budget = bytes;
+}
 
 Sorter::Sorter(const SortOrder& order, const char* near_file, uint64_t budget, ModulePath module)
     : order_(order), entry_size_(order.key_length + 4), budget_(budget), module_(module) {

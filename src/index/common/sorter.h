@@ -49,6 +49,12 @@ struct SortOrder {
   bool unique;      // only the first record of each key
 };
 
+// The bytes of entries every build sorts in memory before it spills sorted
+// runs to files; 0 is the built-in default (128 MiB).  Process-wide, for
+// all index formats; DBTerminate sets it back to 0.
+uint64_t BuildSortBudget();
+void SetBuildSortBudget(uint64_t bytes);
+
 class Sorter {
  public:
   // near_file: a file in the folder that takes the sort files (the index
