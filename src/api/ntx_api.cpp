@@ -25,11 +25,6 @@ constexpr ModulePath kMake = KS_ENGINE_MODULE("CKMAKE");
 constexpr ModulePath kInfo = KS_ENGINE_MODULE("CINFO");
 constexpr ModulePath kExpr = KS_ENGINE_MODULE("CEXPR");
 
-// State bits of the index information.
-constexpr int32_t kInfoReadOnly = 1;
-constexpr int32_t kInfoShared = 2;
-constexpr int32_t kInfoWriteThrough = 4;
-
 // Runs body on the selected index with the error code reset.
 template <class Body>
 int32_t OnIndex(int32_t handle, ModulePath module, Body&& body) {
@@ -269,28 +264,7 @@ KESTREL_API int32_t DBclSetNumericKeyForm(int32_t handle, int32_t form, int32_t*
 KESTREL_API int32_t DBclGetIndexInfo(int32_t handle, DBCLINDEXINFO* info) {
   return OnIndex(handle, kInfo, [&](NtxIndex* ix) -> int32_t {
     if (!info) return KS_FAIL(kInfo, DB_ERR_NULL);
-    const KeyDescriptor& k = *ix->key;
-    std::memset(info->file_name, 0, sizeof info->file_name);
-    std::strncpy(info->file_name, ix->file_name, sizeof info->file_name - 1);
-    int32_t state = info->state & ~(kInfoReadOnly | kInfoShared | kInfoWriteThrough);
-    if (ix->state & kStateReadOnly) state |= kInfoReadOnly;
-    if (ix->state & kStateShared) state |= kInfoShared;
-    if (ix->state & kStateWriteThrough) state |= kInfoWriteThrough;
-    info->state = state;
-    info->key_length = k.key_length;
-    info->key_type = '?';
-    int32_t flags = 0;
-    if (k.flags & kFlagUnique) flags |= DB_CL_UNIQUE;
-    if ((k.flags & kFlagDescending) || std::strncmp(k.expression, "DESCEND", 7) == 0)
-      flags |= DB_CL_DESCENDING;
-    info->key_flags = flags;
-    info->decimals = k.decimals;
-    info->lock_state = ix->lock_state;
-    size_t n = std::strlen(k.expression);
-    info->expression_length = static_cast<int32_t>(n);
-    std::memset(info->expression, 0, sizeof info->expression);
-    if (n < sizeof info->expression) std::memcpy(info->expression, k.expression, n);
-    return 0;
+    return GetIndexInfo(ix, info);
   });
 }
 

@@ -16,6 +16,7 @@
 #include "index/common/path_stack.h"
 #include "index/common/search_modes.h"
 #include "kestrel/kestrel_expr.h"
+#include "kestrel/kestrel_ntx.h"
 #include "runtime/handles.h"
 #include "runtime/library_state.h"
 #include "runtime/memory.h"
@@ -175,5 +176,7 @@ int32_t ValueToKey(NtxIndex* ix, const DBEXPRVALUE& value, char* key, ModulePath
 // Evaluates the key expression for the table's current record; *key is a new
 // buffer from the library allocator (nullptr on failure).
 int32_t MakeKey(int32_t table, NtxIndex* ix, char** key);
+// Fills the index information the exported DBclGetIndexInfo returns.
+int32_t GetIndexInfo(NtxIndex* ix, DBCLINDEXINFO* info);
 
 }  // namespace kestrel::ntx

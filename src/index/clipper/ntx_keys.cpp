@@ -428,4 +428,34 @@ int32_t MakeKey(int32_t table, NtxIndex* ix, char** key) {
   return rc;
 }
 
+// The index information: the caller's other state bits are kept, the
+// read-only, shared and write-through bits follow the open.
+int32_t GetIndexInfo(NtxIndex* ix, DBCLINDEXINFO* info) {
+  constexpr int32_t kInfoReadOnly = 1;
+  constexpr int32_t kInfoShared = 2;
+  constexpr int32_t kInfoWriteThrough = 4;
+  const KeyDescriptor& k = *ix->key;
+  std::memset(info->file_name, 0, sizeof info->file_name);
+  std::strncpy(info->file_name, ix->file_name, sizeof info->file_name - 1);
+  int32_t state = info->state & ~(kInfoReadOnly | kInfoShared | kInfoWriteThrough);
+  if (ix->state & kStateReadOnly) state |= kInfoReadOnly;
+  if (ix->state & kStateShared) state |= kInfoShared;
+  if (ix->state & kStateWriteThrough) state |= kInfoWriteThrough;
+  info->state = state;
+  info->key_length = k.key_length;
+  info->key_type = '?';
+  int32_t flags = 0;
+  if (k.flags & kFlagUnique) flags |= DB_CL_UNIQUE;
+  if ((k.flags & kFlagDescending) || std::strncmp(k.expression, "DESCEND", 7) == 0)
+    flags |= DB_CL_DESCENDING;
+  info->key_flags = flags;
+  info->decimals = k.decimals;
+  info->lock_state = ix->lock_state;
+  size_t n = std::strlen(k.expression);
+  info->expression_length = static_cast<int32_t>(n);
+  std::memset(info->expression, 0, sizeof info->expression);
+  if (n < sizeof info->expression) std::memcpy(info->expression, k.expression, n);
+  return 0;
+}
+
 }  // namespace kestrel::ntx
