@@ -151,7 +151,7 @@ class TableLock {
 // file, on every way out (a shortage of memory included).
 class WorkFile {
  public:
-  WorkFile(const char* name, bool fpt) : name_(name), fpt_(fpt) {}
+  WorkFile(const char* name, int32_t (*close)(int32_t)) : name_(name), close_(close) {}
   ~WorkFile() {
     // Clean-up keeps the status of the failure that brought us here.
     int32_t code = ErrorCode();
@@ -163,14 +163,14 @@ class WorkFile {
   WorkFile& operator=(const WorkFile&) = delete;
   int32_t* handle() { return &handle_; }
   void Close() {
-    if (handle_ >= 0) fpt_ ? FptClose(handle_) : DbtClose(handle_);
+    if (handle_ >= 0) close_(handle_);
     handle_ = -1;
   }
   void Keep() { kept_ = true; }
 
  private:
   const char* name_;
-  bool fpt_;
+  int32_t (*close_)(int32_t);
   int32_t handle_ = -1;
   bool kept_ = false;
 };
@@ -216,13 +216,80 @@ int32_t SwapFiles(const char* memo_name, const char* work_name, const char* back
   return 0;
 }
 
-}  // namespace
+// What a pack needs of each memo format.
+struct DbtFormat {
+  using Memo = DbtMemo;
+  static constexpr int32_t kKind = DB_KIND_DBT_MEMO;
+  static constexpr const char* kExtension = ".DBT";
+  static int32_t Lock(DbtMemo& m) { return DbtLock(m); }
+  static int32_t Unlock(DbtMemo& m) { return DbtUnlock(m); }
+  static int32_t Open(int32_t* handle, const char* name, int32_t switches) {
+    return DbtOpen(handle, name, switches);
+  }
+  static int32_t Close(int32_t handle) { return DbtClose(handle); }
+  // An empty work file with the old file's block size and dialect, opened.
+  static int32_t CreateWork(const DbtMemo& old, const char* name, int32_t* handle) {
+    int32_t blocks = static_cast<int32_t>(old.block_size / kPlainBlockSize);
+    int32_t rc = DbtCreate(name, blocks < 1 ? 1 : blocks, old.dialect);
+    return rc < 0 ? rc : DbtOpen(handle, name, old.dialect);
+  }
+  struct Copier {
+    Copier(DbtMemo& from, DbtMemo& to) : old(from), work(to) {}
+    DbtMemo& old;
+    DbtMemo& work;
+    int32_t operator()(uint32_t old_block, uint32_t* new_block) {
+      Buffer text;
+      uint8_t* data = nullptr;
+      size_t length = 0;
+      int32_t r = DbtRead(old, old_block, &data, &length);
+      if (r < 0) return r;
+      text.Adopt(data, length + 1);
+      return DbtWrite(work, 0, text.data(), length, false, new_block);
+    }
+  };
+};
 
-int32_t PackDbt(int32_t table, int32_t* memo_handle) {
-  const ModulePath module = kDbtPack;
+struct FptFormat {
+  using Memo = FptMemo;
+  static constexpr int32_t kKind = DB_KIND_FPT_MEMO;
+  static constexpr const char* kExtension = ".FPT";
+  static int32_t Lock(FptMemo& m) { return FptLock(m); }
+  static int32_t Unlock(FptMemo& m) { return FptUnlock(m); }
+  static int32_t Open(int32_t* handle, const char* name, int32_t switches) {
+    return FptOpen(handle, name, switches);
+  }
+  static int32_t Close(int32_t handle) { return FptClose(handle); }
+  static int32_t CreateWork(const FptMemo& old, const char* name, int32_t* handle) {
+    uint32_t bs = old.block_size;
+    int32_t rc = FptCreate(name, static_cast<int32_t>(bs > 511 ? bs / 512 : bs));
+    return rc < 0 ? rc : FptOpen(handle, name, 0);
+  }
+  struct Copier {
+    Copier(FptMemo& from, FptMemo& to) : old(from), work(to) {}
+    FptMemo& old;
+    FptMemo& work;
+    Buffer data;
+    int32_t operator()(uint32_t old_block, uint32_t* new_block) {
+      uint32_t type = 0;
+      uint32_t length = 0;
+      int32_t r = FptMemoHeader(old, old_block, &type, &length);
+      if (r < 0) return r;
+      uint32_t count = 0;
+      r = FptRead(old, old_block, length, false, data, true, &count);
+      if (r < 0) return r;
+      *new_block = 0;
+      // An empty memo keeps a header of its own, as the old file had it.
+      return FptWrite(work, new_block, data.data(), count, count, type, false, false);
+    }
+  };
+};
+
+template <class Format>
+int32_t PackMemoFile(int32_t table, int32_t* memo_handle, ModulePath module) {
+  using Memo = typename Format::Memo;
   if (!memo_handle) return KS_FAIL(module, DB_ERR_NULL);
-  DbtMemo* old_memo = nullptr;
-  int32_t rc = CheckHandle(*memo_handle, DB_KIND_DBT_MEMO, &old_memo);
+  Memo* old_memo = nullptr;
+  int32_t rc = CheckHandle(*memo_handle, Format::kKind, &old_memo);
   if (rc < 0) return KS_FAIL(module, rc);
   if (old_memo->attributes & kAttrReadOnly) return KS_FAIL(module, DB_ERR_READ_ONLY);
   Succeed();
@@ -232,33 +299,23 @@ int32_t PackDbt(int32_t table, int32_t* memo_handle) {
   TableLock table_lock(view);
   rc = table_lock.Take();
   if (rc < 0) return KS_PASS(module, rc);
-  PackMemoLock<DbtMemo> memo_lock(*old_memo, DbtLock, DbtUnlock);
+  PackMemoLock<Memo> memo_lock(*old_memo, Format::Lock, Format::Unlock);
   rc = memo_lock.Take();
   if (rc < 0) return KS_PASS(module, rc);
 
   // 1. Copy the live memos into a work file.
   Vec<char> memo_name(NameOf(old_memo->name), NameOf(old_memo->name) + old_memo->name.size());
   if (memo_name.empty() || memo_name.back() != '\0') memo_name.push_back('\0');
-  Vec<char> work_name = WorkFileName(memo_name.data(), ".DBT");
+  Vec<char> work_name = WorkFileName(memo_name.data(), Format::kExtension);
   Vec<char> backup = ReplaceExtension(memo_name.data(), ".BKT");
-  int32_t blocks = static_cast<int32_t>(old_memo->block_size / kPlainBlockSize);
-  WorkFile work_file(work_name.data(), false);
-  rc = DbtCreate(work_name.data(), blocks < 1 ? 1 : blocks, old_memo->dialect);
+  WorkFile work_file(work_name.data(), Format::Close);
+  rc = Format::CreateWork(*old_memo, work_name.data(), work_file.handle());
   if (rc < 0) return KS_PASS(module, rc);
-  rc = DbtOpen(work_file.handle(), work_name.data(), old_memo->dialect);
-  if (rc < 0) return KS_PASS(module, rc);
-  DbtMemo* work = nullptr;
-  CheckHandle(*work_file.handle(), DB_KIND_DBT_MEMO, &work);
+  Memo* work = nullptr;
+  CheckHandle(*work_file.handle(), Format::kKind, &work);
   Vec<Change> changes;
-  rc = CollectChanges(view, changes, module, [&](uint32_t old_block, uint32_t* new_block) {
-    Buffer text;
-    uint8_t* data = nullptr;
-    size_t length = 0;
-    int32_t r = DbtRead(*old_memo, old_block, &data, &length);
-    if (r < 0) return r;
-    text.Adopt(data, length + 1);
-    return DbtWrite(*work, 0, text.data(), length, false, new_block);
-  });
+  typename Format::Copier copier(*old_memo, *work);
+  rc = CollectChanges(view, changes, module, copier);
   if (rc < 0) return rc;
   work_file.Close();
 
@@ -267,7 +324,7 @@ int32_t PackDbt(int32_t table, int32_t* memo_handle) {
   // table and the packed file agreeing, with only the handle to open again.
   int32_t switches = old_memo->switches;
   memo_lock.Closed();
-  DbtClose(*memo_handle);
+  Format::Close(*memo_handle);
   *memo_handle = -1;
   Succeed();
   work_file.Keep();
@@ -275,72 +332,19 @@ int32_t PackDbt(int32_t table, int32_t* memo_handle) {
   if (rc < 0) return rc;
   rc = RewriteRecords(view, changes, module);
   if (rc < 0) return rc;
-  rc = DbtOpen(memo_handle, memo_name.data(), switches);
+  rc = Format::Open(memo_handle, memo_name.data(), switches);
   if (rc < 0) return KS_PASS(module, rc);
   return Succeed();
 }
 
+}  // namespace
+
+int32_t PackDbt(int32_t table, int32_t* memo_handle) {
+  return PackMemoFile<DbtFormat>(table, memo_handle, kDbtPack);
+}
+
 int32_t PackFpt(int32_t table, int32_t* memo_handle) {
-  const ModulePath module = kFptPack;
-  if (!memo_handle) return KS_FAIL(module, DB_ERR_NULL);
-  FptMemo* old_memo = nullptr;
-  int32_t rc = CheckHandle(*memo_handle, DB_KIND_FPT_MEMO, &old_memo);
-  if (rc < 0) return KS_FAIL(module, rc);
-  if (old_memo->attributes & kAttrReadOnly) return KS_FAIL(module, DB_ERR_READ_ONLY);
-  Succeed();
-  TableView view{};
-  rc = OpenTableView(table, view, module);
-  if (rc < 0) return rc;
-  TableLock table_lock(view);
-  rc = table_lock.Take();
-  if (rc < 0) return KS_PASS(module, rc);
-  PackMemoLock<FptMemo> memo_lock(*old_memo, FptLock, FptUnlock);
-  rc = memo_lock.Take();
-  if (rc < 0) return KS_PASS(module, rc);
-
-  Vec<char> memo_name(NameOf(old_memo->name), NameOf(old_memo->name) + old_memo->name.size());
-  if (memo_name.empty() || memo_name.back() != '\0') memo_name.push_back('\0');
-  Vec<char> work_name = WorkFileName(memo_name.data(), ".FPT");
-  Vec<char> backup = ReplaceExtension(memo_name.data(), ".BKT");
-  uint32_t bs = old_memo->block_size;
-  WorkFile work_file(work_name.data(), true);
-  rc = FptCreate(work_name.data(), static_cast<int32_t>(bs > 511 ? bs / 512 : bs));
-  if (rc < 0) return KS_PASS(module, rc);
-  rc = FptOpen(work_file.handle(), work_name.data(), 0);
-  if (rc < 0) return KS_PASS(module, rc);
-  FptMemo* work = nullptr;
-  CheckHandle(*work_file.handle(), DB_KIND_FPT_MEMO, &work);
-  Vec<Change> changes;
-  Buffer data;
-  rc = CollectChanges(view, changes, module, [&](uint32_t old_block, uint32_t* new_block) {
-    uint32_t type = 0;
-    uint32_t length = 0;
-    int32_t r = FptMemoHeader(*old_memo, old_block, &type, &length);
-    if (r < 0) return r;
-    uint32_t count = 0;
-    r = FptRead(*old_memo, old_block, length, false, data, true, &count);
-    if (r < 0) return r;
-    *new_block = 0;
-    // An empty memo keeps a header of its own, as the old file had it.
-    return FptWrite(*work, new_block, data.data(), count, count, type, false, false);
-  });
-  if (rc < 0) return rc;
-  work_file.Close();
-
-  // Swap, records, reopen: in the order the DBT pack gives its reasons for.
-  int32_t switches = old_memo->switches;
-  memo_lock.Closed();
-  FptClose(*memo_handle);
-  *memo_handle = -1;
-  Succeed();
-  work_file.Keep();
-  rc = SwapFiles(memo_name.data(), work_name.data(), backup.data(), module);
-  if (rc < 0) return rc;
-  rc = RewriteRecords(view, changes, module);
-  if (rc < 0) return rc;
-  rc = FptOpen(memo_handle, memo_name.data(), switches);
-  if (rc < 0) return KS_PASS(module, rc);
-  return Succeed();
+  return PackMemoFile<FptFormat>(table, memo_handle, kFptPack);
 }
 
 }  // namespace kestrel::memo
