@@ -18,6 +18,7 @@
 #include "kestrel/kestrel_check.h"
 #include "kestrel/kestrel_datetime.h"
 #include "kestrel/kestrel_expr.h"
+#include "kestrel/kestrel_foxpro.h"
 #include "kestrel/kestrel_frame.h"
 #include "kestrel/kestrel_memo.h"
 #include "kestrel/kestrel_ntx.h"
