@@ -78,21 +78,15 @@ int TrailingCount(const uint8_t* key, int key_length, uint8_t pad) {
   return n;
 }
 
+// The shared prefix never reaches into the trailing pad of either key: the
+// pad is not stored, so a reader must not be asked to copy it from the key
+// before.  (FoxPro and Visual FoxPro write exactly this count; they do not
+// hold back a run of blanks that ends the shared part.)
 int DuplicateCount(const uint8_t* key, const uint8_t* prev, int key_length, int trail,
                    int prev_trail) {
   int limit = key_length - (trail > prev_trail ? trail : prev_trail);
   int i = 0;
-  int blank_run = -1;  // where the open run of blanks began, -1 none
-  while (i < limit && key[i] == prev[i]) {
-    if (key[i] == ' ') {
-      if (blank_run < 0) blank_run = i;
-    } else {
-      blank_run = -1;
-    }
-    ++i;
-  }
-  // A run of blanks that ends the shared part stays in the fragment.
-  if (blank_run > 0) i = blank_run;
+  while (i < limit && key[i] == prev[i]) ++i;
   return i;
 }
 
