@@ -345,3 +345,117 @@ TEST(FoxLeafCodec, RealLeavesReEncodeByteForByte) {
 
 }  // namespace
 }  // namespace kestrel::test
+
+namespace kestrel::test {
+namespace {
+
+class FoxDamageTest : public FoxReadTest {
+ protected:
+  // Opens a changed copy of fstaff.cdx and walks every tag: the first
+  // failure, or 0 when everything read.
+  int32_t OpenAndWalk(const std::vector<uint8_t>& bytes) {
+    std::string path = dir_.File("damaged.cdx");
+    WriteFileBytes(path, bytes);
+    int32_t ix = -1;
+    int32_t rc = DBfpOpenIndex(&ix, path.c_str(), DB_OPEN_READONLY);
+    if (rc < 0) {
+      EXPECT_EQ(ix, -1);
+      return rc;
+    }
+    DBFPTAGINFO* list = nullptr;
+    int32_t count = 0;
+    int32_t result = DBfpGetAllTagInfo(ix, &list, &count);
+    DBFreeMemory(list);
+    for (int32_t n = 1; result >= 0 && n <= count; ++n) {
+      int32_t t = -1;
+      result = DBfpOpenTag(&t, ix, n);
+      if (result < 0) break;
+      DBfpSetDefaultKeyType(t, 'C');
+      char key[300];
+      int32_t rec = 0;
+      int32_t step = DBfpGoFirstKey(t, key, &rec);
+      for (int guard = 0; step == 0 && guard < 100000; ++guard) step = DBfpGoNextKey(t, key, &rec);
+      if (step < 0) result = step;
+      EXPECT_TRUE(step < 0 || step == DB_WARN_NO_MORE_KEYS || step == DB_WARN_FILE_EMPTY) << step;
+      char probe[300] = "M";
+      step = DBfpKeySearch(t, probe, &rec, DB_FP_SEEK_EQUAL_ABOVE);
+      if (step < 0 && result >= 0) result = step;
+      step = DBfpGetKeyAtPercent(t, 50, key, &rec);
+      if (step < 0 && result >= 0) result = step;
+    }
+    EXPECT_EQ(DBfpCloseIndex(ix), 0);
+    return result;
+  }
+};
+
+TEST_F(FoxDamageTest, DamagedFilesGiveErrorStatuses) {
+  const std::vector<uint8_t> good =
+      ReadFileBytes(std::string(KESTREL_TEST_FIXTURES) + "/foxpro/fstaff.cdx");
+  ASSERT_EQ(OpenAndWalk(good), 0);
+  std::map<std::string, uint32_t> tags = Directory(good);
+  uint32_t name_header = tags.at("NAME");
+  uint32_t name_root = LoadLE32(good.data() + name_header);
+  ASSERT_EQ(good[name_root] & 2, 0) << "NAME is expected to have an interior root";
+  uint32_t first_leaf = LoadBE32(good.data() + name_root + 12 + 20 + 4);
+  uint32_t dir_root = LoadLE32(good.data());
+  struct Case {
+    const char* what;
+    std::function<void(std::vector<uint8_t>&)> change;
+    int32_t status;
+  };
+  const Case cases[] = {
+      {"directory root past the end", [&](auto& b) { StoreLE32(b.data(), 1u << 30); },
+       DB_ERR_ROOT_PAGE},
+      {"directory key length 0", [&](auto& b) { StoreLE16(b.data() + 12, 0); },
+       DB_ERR_KEY_LENGTH},
+      {"tag key length 300", [&](auto& b) { StoreLE16(b.data() + name_header + 12, 300); },
+       DB_ERR_KEY_LENGTH},
+      {"tag expression too long",
+       [&](auto& b) { std::memset(b.data() + name_header + 512, 'A', 300); StoreLE16(b.data() + name_header + 510, 400); },
+       DB_ERR_BAD_EXPRESSION},
+      {"directory entry naming the directory itself",
+       [&](auto& b) {
+         // The first directory entry's record field (3-byte fields, 24 bits)
+         // set to 0.
+         b[dir_root + 24] = b[dir_root + 25] = b[dir_root + 26] = 0;
+       },
+       DB_ERR_CORRUPTED},
+      {"root offset not on a node boundary",
+       [&](auto& b) { StoreLE32(b.data() + name_header, name_root + 7); }, DB_ERR_SEEK},
+      {"interior child pointing at its own node",
+       [&](auto& b) { StoreBE32(b.data() + name_root + 12 + 24, name_root); }, DB_ERR_CORRUPTED},
+      {"leaf key count beyond the node", [&](auto& b) { StoreLE16(b.data() + first_leaf + 2, 400); },
+       DB_ERR_CORRUPTED},
+      {"leaf field of 7 bytes", [&](auto& b) { b[first_leaf + 23] = 7; }, DB_ERR_CORRUPTED},
+      {"leaf widths wider than the field", [&](auto& b) { b[first_leaf + 20] = 30; },
+       DB_ERR_CORRUPTED},
+      {"duplicate count larger than the key",
+       [&](auto& b) {
+         // Every count bit of the second entry set: dup and trailing 31.
+         b[first_leaf + 24 + 3 + 2] = 0xFF;
+         b[first_leaf + 24 + 3 + 1] |= 0xC0;
+       },
+       DB_ERR_CORRUPTED},
+      {"interior node with no entries", [&](auto& b) { StoreLE16(b.data() + name_root + 2, 0); },
+       DB_ERR_CORRUPTED},
+  };
+  for (const Case& c : cases) {
+    std::vector<uint8_t> bytes = good;
+    c.change(bytes);
+    EXPECT_EQ(OpenAndWalk(bytes), c.status) << c.what;
+  }
+  // Random damage anywhere: statuses, never a crash or a hang.
+  std::mt19937 random(7);
+  int failures = 0;
+  for (int round = 0; round < 300; ++round) {
+    std::vector<uint8_t> bytes = good;
+    size_t block = random() % (bytes.size() / 512);
+    for (int n = 1 + random() % 6; n > 0; --n)
+      bytes[block * 512 + random() % 512] = static_cast<uint8_t>(random());
+    if (OpenAndWalk(bytes) < 0) ++failures;
+  }
+  EXPECT_GT(failures, 10);
+}
+
+}  // namespace
+}  // namespace kestrel::test
