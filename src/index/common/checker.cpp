@@ -291,16 +291,18 @@ bool Checker::FreeListEntry(uint32_t offset) {
   return true;
 }
 
-void Checker::ReportUnreachedPages(uint32_t first_page) {
+void Checker::ReportUnreachedPages(uint32_t first_page, Severity severity) {
   uint32_t pages = static_cast<uint32_t>(length_ / page_size_);
   uint32_t lost = 0;
   uint32_t first_lost = 0;
   for (uint32_t i = first_page; i < pages; ++i) {
     if (marks_[i] == kUnseen && lost++ == 0) first_lost = i * page_size_;
   }
-  if (lost) {
+  if (lost && severity == Severity::kFault) {
     Fault(first_lost, DB_ERR_CORRUPTED, "%u page(s) neither in the tree nor free, first at %u",
           lost, first_lost);
+  } else if (lost) {
+    Warn(first_lost, 0, "%u page(s) neither in the tree nor free, first at %u", lost, first_lost);
   }
 }
 

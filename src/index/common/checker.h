@@ -118,6 +118,9 @@ class Checker {
 
   // A leaf reached at `depth`: every leaf must be at the same depth.
   void LeafAt(uint32_t offset, int depth);
+  // Starts another tree of the same file (a tag of a multi-tag file): its
+  // leaves may lie at another depth than the last tree's.
+  void StartTree() { leaf_depth_ = -1; }
 
   // Walks the free list from head (0: empty).  link(offset, page, &next)
   // gives the next free page of a page read from the list (0: the end), or
@@ -125,8 +128,9 @@ class Checker {
   template <class Link>
   void WalkFreeList(uint32_t head, Link&& link);
 
-  // Reports pages from first_page on that are neither in the tree nor free.
-  void ReportUnreachedPages(uint32_t first_page = 1);
+  // Reports pages from first_page on that are neither in the tree nor free
+  // (a fault, or a warning for formats whose writers leave such pages).
+  void ReportUnreachedPages(uint32_t first_page = 1, Severity severity = Severity::kFault);
 
   // Key order over the whole walk.  StartKeys before the first key; Key for
   // every key in walk order; FinishKeys after the walk reports what was out
