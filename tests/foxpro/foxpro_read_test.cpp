@@ -478,12 +478,6 @@ std::vector<index::CheckFinding> Check(const std::string& path, index::CheckSumm
   return std::vector<index::CheckFinding>(findings.begin(), findings.end());
 }
 
-int Count(const std::vector<index::CheckFinding>& findings, index::Severity severity) {
-  int n = 0;
-  for (const auto& f : findings) n += f.severity == severity;
-  return n;
-}
-
 // Every real file is sound by every rule; TEST10K.CDX's and Northwind
 // Customers.CDX's orders are national collations, which are reported as such.  (Nodes that other writers left off
 // the free list are warnings.)
