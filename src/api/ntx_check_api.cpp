@@ -6,6 +6,7 @@
 
 #include "index/clipper/ntx_check.h"
 #include "index/common/checker.h"
+#include "index/foxpro/fox_check.h"
 #include "kestrel/kestrel_check.h"
 #include "runtime/boundary.h"
 
@@ -19,6 +20,8 @@ constexpr ModulePath kCheck = KS_ENGINE_MODULE("CCHECK");
 // no format.
 constexpr index::FormatChecker kCheckers[] = {
     {index::IndexFormat::kNtx, &ntx::CheckOpenFile},
+    {index::IndexFormat::kIdx, &foxpro::CheckOpenFile},
+    {index::IndexFormat::kCdx, &foxpro::CheckOpenFile},
 };
 
 int32_t PublicFormat(index::IndexFormat format) {

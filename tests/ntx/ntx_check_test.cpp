@@ -6,6 +6,7 @@
 #include <cstring>
 #include <filesystem>
 #include <functional>
+#include <tuple>
 
 #include "index/clipper/ntx_format.h"
 #include "ntx_test_util.h"
@@ -239,8 +240,9 @@ Checked CheckThroughTheInterface(const std::string& path) {
   return c;
 }
 
-// Files other programs wrote: sound NTX files with what those programs add,
-// and index files of other formats, which are named and not checked yet.
+// Files other programs wrote: sound NTX and CDX files with what those
+// programs add, and index files of other formats, which are named and not
+// checked yet.
 TEST_F(NtxCheckTest, RealFilesGetTheRightVerdict) {
   struct Case {
     const char* file;
@@ -252,7 +254,7 @@ TEST_F(NtxCheckTest, RealFilesGetTheRightVerdict) {
       {"CUSTNAME.NTX", 0, DB_INDEX_NTX, 0, "0 FOR condition: !Deleted()"},
       {"CUSTNAME.NTX", 0, DB_INDEX_NTX, 0, "0 tag name: CUSTNAME"},
       {"TEST1ANSI1.NTX", 0, DB_INDEX_NTX, 1, "1 94 key(s) out of byte order"},
-      {"employees.CDX", DB_WARN_NOT_SUPPORTED, DB_INDEX_CDX, 0, ""},
+      {"employees.CDX", 0, DB_INDEX_CDX, 0, "0 tag LASTNAME: 3 keys"},
       {"dBEST.MDX", DB_WARN_NOT_SUPPORTED, DB_INDEX_MDX, 0, ""},
       {"test_ix.NDX", DB_WARN_NOT_SUPPORTED, DB_INDEX_NDX, 0, ""},
   };
@@ -273,11 +275,16 @@ TEST_F(NtxCheckTest, RealFilesGetTheRightVerdict) {
   StoreLE32(&idx[8], 1024);
   StoreLE16(&idx[12], 10);
   std::memcpy(&idx[16], "NAME", 4);
-  for (auto [bytes, format] : {std::pair{nsx, DB_INDEX_NSX}, std::pair{idx, DB_INDEX_IDX}}) {
+  idx[512] = 3;  // an empty root leaf without siblings
+  StoreLE32(&idx[516], 0xFFFFFFFFu);
+  StoreLE32(&idx[520], 0xFFFFFFFFu);
+  for (auto [bytes, format, rc] : {std::tuple{nsx, DB_INDEX_NSX, DB_WARN_NOT_SUPPORTED},
+                                   std::tuple{idx, DB_INDEX_IDX, 0}}) {
     WriteFileBytes(dir_.File("other.idx"), bytes);
     Checked got = CheckThroughTheInterface(dir_.File("other.idx"));
-    EXPECT_EQ(got.rc, DB_WARN_NOT_SUPPORTED);
+    EXPECT_EQ(got.rc, rc);
     EXPECT_EQ(got.summary.format, format);
+    EXPECT_EQ(got.summary.faults, 0u) << got.text;
   }
   // A damaged NTX header fits no format: checked as NTX, with its faults.
   Bytes bad = good_;

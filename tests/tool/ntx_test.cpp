@@ -99,8 +99,11 @@ TEST_F(NtxToolTest, CheckFailsOnADamagedFile) {
   EXPECT_EQ(r.exit_code, 0) << r.out << r.err;
   EXPECT_NE(r.out.find("page 0: note: FOR condition: !Deleted()"), std::string::npos) << r.out;
   r = RunTool({"check", CopyFixture("index/employees.CDX", dir_)});
+  EXPECT_EQ(r.exit_code, 0) << r.out << r.err;
+  EXPECT_NE(r.out.find("format:      CDX"), std::string::npos) << r.out;
+  r = RunTool({"check", CopyFixture("index/dBEST.MDX", dir_)});
   EXPECT_EQ(r.exit_code, 1);
-  EXPECT_NE(r.err.find("a CDX file; not supported yet"), std::string::npos) << r.err;
+  EXPECT_NE(r.err.find("an MDX file; not supported yet"), std::string::npos) << r.err;
 }
 
 // An expression the evaluator cannot evaluate is reported as such, not as

@@ -75,7 +75,7 @@ struct CheckOptions {
 CommandRegistration reg{
     "check", [](CLI::App& app) {
       auto* cmd = app.add_subcommand(
-          "check", "Check an index file against its format's rules (NTX; others are named)");
+          "check", "Check an index file against its format's rules (NTX, IDX, CDX; others are named)");
       auto options = std::make_shared<CheckOptions>();
       cmd->add_option("INDEX", options->path, "Index file")->required();
       cmd->add_flag("-q,--quiet", options->quiet, "Print only the warnings and faults");
