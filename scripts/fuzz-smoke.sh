@@ -18,6 +18,8 @@ declare -A seeds=(
   [fuzz_ntx]="fuzz/corpus/ntx tests/fixtures/ntx"
   [fuzz_table]="tests/fixtures/tables tests/fixtures/memo"
   [fuzz_memo]="tests/fixtures/memo"
+  [fuzz_fox_index]="tests/fixtures/foxpro tests/fixtures/foxpro/realworld"
+  [fuzz_fox_leaf]="fuzz/corpus/fox_leaf"
 )
 targets=(build/fuzz/fuzz/fuzz_*)
 if [ ! -x "${targets[0]}" ]; then

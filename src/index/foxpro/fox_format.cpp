@@ -97,9 +97,11 @@ bool EncodeLeaf(const uint8_t* keys, const uint32_t* records, int count, int key
   int prev_trail = 0;
   for (int i = 0; i < count; ++i) {
     const uint8_t* key = keys + i * key_length;
-    if (records[i] > w.record_mask) return false;
+    if ((records[i] & ~w.record_mask) != 0) return false;
     int trail = TrailingCount(key, key_length, pad);
     int dup = i == 0 ? 0 : DuplicateCount(key, key - key_length, key_length, trail, prev_trail);
+    // Widths (of another writer's leaf) too narrow for the counts.
+    if ((dup & ~w.dup_mask) != 0 || (trail & ~w.trail_mask) != 0) return false;
     used += key_length - dup - trail;
     if (used > kLeafArea) return false;
     prev_trail = trail;

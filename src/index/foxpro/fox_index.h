@@ -167,8 +167,12 @@ int32_t GetIndexInfo(FoxIndex* ix, Tag* tag, DBFPINDEXINFO* info);
 template <class Visit>
 int32_t WalkKeys(FoxIndex* ix, Tag* tag, Visit&& visit) {
   constexpr ModulePath kWalk = KS_ENGINE_MODULE("OKSEARCH");
+  // More keys than the file's nodes can hold: children shared between
+  // parents make the walk go round.
+  uint64_t budget = (ix->pages.file_length() / kNodeSize + 1) * kMaxNodeEntries;
   int32_t rc = FirstKey(ix, tag, kWalk);
   while (rc == 0) {
+    if (budget-- == 0) return KS_FAIL(kWalk, DB_ERR_CORRUPTED);
     const uint8_t* key = nullptr;
     uint32_t record = 0;
     rc = CurrentEntry(ix, tag, &key, &record, kWalk);
