@@ -627,3 +627,51 @@ TEST(FoxLeafCodec, FuzzFoundLeavesKeepTheRoundTrip) {
 
 }  // namespace
 }  // namespace kestrel::test
+
+namespace kestrel::test {
+namespace {
+
+// Every allocation that fails, from the open through tags, walks, searches
+// and the checker, gives -203 or passes unharmed, and leaves no memory
+// behind once the index is closed.
+TEST_F(FoxReadTest, NothingLeaksWhenAllocationsFail) {
+  std::string path = CopyFixture("foxpro/fstaff.cdx", dir_);
+  long live = testing::LiveAllocations();
+  int failed = 0;
+  for (int n = 0; n <= 120; n += (n < 40 ? 1 : 5)) {
+    if (n > 0) testing::FailAllocation(n);
+    int32_t ix = 99;
+    int32_t rc = DBfpOpenIndex(&ix, path.c_str(), DB_OPEN_READONLY);
+    EXPECT_TRUE(rc == 0 || (rc == DB_ERR_MEMORY && ix == -1)) << n << ": " << rc;
+    if (rc == 0) {
+      DBFPTAGINFO* list = nullptr;
+      int32_t count = 0;
+      rc = DBfpGetAllTagInfo(ix, &list, &count);
+      EXPECT_TRUE(rc == 0 || rc == DB_ERR_MEMORY) << n << ": " << rc;
+      DBFreeMemory(list);
+      for (const char* name : {"NAME", "AGE", "NAMED"}) {
+        int32_t t = -1;
+        rc = DBfpOpenNamedTag(&t, ix, name);
+        EXPECT_TRUE(rc == 0 || rc == DB_ERR_MEMORY) << n << ": " << rc;
+        if (rc != 0) continue;
+        char key[32] = "Smith";
+        int32_t rec = 0;
+        rc = DBfpKeySearch(t, key, &rec, DB_FP_SEEK_EQUAL_ABOVE);
+        EXPECT_TRUE(rc >= 0 || rc == DB_ERR_MEMORY) << n << ": " << rc;
+        for (rc = DBfpGoFirstKey(t, key, &rec); rc == 0;) rc = DBfpGoNextKey(t, key, &rec);
+        EXPECT_TRUE(rc == DB_WARN_NO_MORE_KEYS || rc == DB_ERR_MEMORY) << n << ": " << rc;
+        failed += rc == DB_ERR_MEMORY;
+        EXPECT_EQ(DBfpCloseTag(t), 0);
+      }
+      EXPECT_EQ(DBfpCloseIndex(ix), 0);
+    } else {
+      ++failed;
+    }
+    testing::FailAllocation(0);
+    EXPECT_EQ(testing::LiveAllocations(), live) << n;
+  }
+  EXPECT_GT(failed, 10);
+}
+
+}  // namespace
+}  // namespace kestrel::test
