@@ -1,6 +1,6 @@
-// Shared fixture of the date, time and string tests: an initialised library
-// whose error log is on and written to a file in a temporary directory, so a
-// test can say which failures were logged, and under which module.
+// Shared fixture of the date, time and string tests: the error log on and
+// written to a file in the temporary directory, so a test can say which
+// failures were logged, and under which module.
 #pragma once
 
 #include <algorithm>
@@ -9,22 +9,13 @@
 
 namespace kestrel::test {
 
-class DateTimeTest : public LibraryTest {
+class DateTimeTest : public InDirTest {
  protected:
-  DateTimeTest() : LibraryTest(20) {}
+  DateTimeTest() : InDirTest(20) {}
   void SetUp() override {
-    ASSERT_NE(getcwd(saved_, sizeof saved_), nullptr);
-    // The log name is short (29 characters at most): name it relative to the
-    // temporary directory.
-    ASSERT_EQ(chdir(dir_.path().c_str()), 0);
-    LibraryTest::SetUp();
+    InDirTest::SetUp();
     DBErrorLog(1, "dates.log");
   }
-  void TearDown() override {
-    LibraryTest::TearDown();
-    EXPECT_EQ(chdir(saved_), 0);
-  }
-
   std::string Log() const {
     return access("dates.log", F_OK) == 0 ? ReadFileText(dir_.File("dates.log")) : "";
   }
@@ -40,8 +31,6 @@ class DateTimeTest : public LibraryTest {
     const size_t start = log.rfind('\n', log.size() - 2) + 1;  // npos + 1 is 0
     return log.substr(start, log.find('\t', start) - start);
   }
-
-  char saved_[4096];
 };
 
 }  // namespace kestrel::test

@@ -11,7 +11,7 @@
 
 #include "kestrel/kestrel.h"
 #include "runtime/memory.h"
-#include "support/temp_dir.h"
+#include "support/library.h"
 
 namespace kestrel::test {
 
@@ -146,15 +146,6 @@ class ExprTest : public ::testing::Test {
     DBCloseFile(table_);
     DBTerminate();
     testing::FailAllocation(0);
-  }
-
-  static DBFIELD Field(const char* name, int type, int length, int decimals = 0) {
-    DBFIELD f{};
-    std::strncpy(f.name, name, sizeof f.name - 1);
-    f.type = type;
-    f.length = length;
-    f.decimals = decimals;
-    return f;
   }
 
   // Evaluates text with DBEvaluateStr and frees the result buffer.

@@ -1,5 +1,5 @@
-// DBT memo files: headers, where replaced memos go in both layouts, the
-// dBASE IV free chain against a model, soft line breaks, and damaged files.
+// DBT memo files: headers, the dBASE IV free chain against a model, soft
+// line breaks, and damaged files.
 #include <map>
 
 #include "memo_test_util.h"
@@ -64,46 +64,6 @@ TEST_F(DbtTest, NewFilesHaveTheirHeaders) {
   EXPECT_EQ(h, -1);
   EXPECT_EQ(DBxbOpenMemo(&h, plain.c_str(), 3), DB_ERR_NOT_MEMO);  // emptied by the -218 create
   EXPECT_EQ(DBxbOpenMemo(&h, dir_.File("missing.dbt").c_str(), 3), DB_ERR_OPEN);
-}
-
-TEST_F(DbtTest, ReplacedMemosStayInPlaceWhenTheyFitOrMove) {
-  // Plain layout: a memo takes its text and two end marks.
-  int32_t h = Make("r.dbt", 3);
-  uint32_t b1 = Put(h, "first");
-  uint32_t b2 = Put(h, "second");
-  EXPECT_EQ(b1, 1u);
-  EXPECT_EQ(Put(h, std::string(510, 'x'), b1), b1);  // exactly one block
-  EXPECT_EQ(Get(h, b2), "second");
-  std::string t511(511, 'y');
-  uint32_t moved = Put(h, t511, b1);  // two blocks: to the end
-  EXPECT_EQ(moved, 3u);
-  EXPECT_EQ(Get(h, moved), t511);
-  EXPECT_EQ(Get(h, b2), "second");
-  uint32_t big = Put(h, std::string(1500, 'b'));  // 3 blocks replaced by 2
-  EXPECT_EQ(Put(h, std::string(1000, 'c'), big), big);
-  EXPECT_EQ(Get(h, big), std::string(1000, 'c'));
-  EXPECT_GT(Put(h, "new", 0), big);  // replacing "no memo" appends
-  DBxbCloseMemo(h);
-
-  // dBASE IV: a memo takes an 8-byte header; the run it leaves goes to the
-  // free chain and is taken first-fit by a memo that fits.
-  h = Make("ff.dbt", 2);
-  uint32_t a = Put(h, std::string(1200, 'a'));  // 3 blocks at 1
-  uint32_t b = Put(h, "b");                     // block 4
-  EXPECT_EQ(a, 1u);
-  EXPECT_EQ(b, 4u);
-  moved = Put(h, std::string(2000, 'A'), a);  // 4 blocks: moves to 5
-  EXPECT_EQ(moved, 5u);
-  DBXBMEMOINFO info = Info(h);
-  EXPECT_EQ(info.free_runs, 1u);
-  EXPECT_EQ(info.free_blocks, 3u);
-  EXPECT_EQ(info.next_free, 1u);
-  EXPECT_EQ(Put(h, std::string(700, 'c')), 1u);
-  EXPECT_EQ(Info(h).free_runs, 0u);
-  EXPECT_EQ(Put(h, "short", moved), moved);  // the stored length follows
-  EXPECT_EQ(Get(h, moved), "short");
-  EXPECT_EQ(Get(h, b), "b");
-  DBxbCloseMemo(h);
 }
 
 // dBASE IV layout: random puts and replaces against a model, the free chain

@@ -1,12 +1,10 @@
 // Both memo formats in every layout through real files: round trips of every
-// size class, zap, the memo lock between processes and handles, allocation
-// failures, and the memo files DBTerminate closes.
-#include <sys/wait.h>
-#include <unistd.h>
-
+// size class, where replaced memos go, zap, the memo lock between processes
+// and handles, allocation failures, and the memo files DBTerminate closes.
 #include <map>
 
 #include "memo_test_util.h"
+#include "support/child.h"
 
 namespace kestrel::test {
 namespace {
@@ -28,13 +26,15 @@ class FormatTest : public MemoTest, public ::testing::WithParamInterface<Layout>
   }
   // Where the first memo of a new file goes.
   uint32_t FirstBlock() const { return GetParam().fpt ? (BlockSize() + 511) / BlockSize() : 1; }
+  // The bytes a memo takes besides its text: a block header, or the end marks.
+  size_t Overhead() const { return GetParam().fpt || GetParam().dialect == 2 ? 8 : 2; }
   std::string path_;
 };
 
 TEST_P(FormatTest, RoundTripsOfEverySizeClass) {
   const Layout& l = GetParam();
   const size_t bs = BlockSize();
-  const size_t overhead = l.fpt || l.dialect == 2 ? 8 : 2;  // block header, or the end marks
+  const size_t overhead = Overhead();
   const size_t fixed[] = {
       1,      2,    bs - overhead - 1, bs - overhead, bs - overhead + 1, bs, 2 * bs - overhead,
       2 * bs, 20000};
@@ -83,6 +83,34 @@ TEST_P(FormatTest, RoundTripsOfEverySizeClass) {
   EXPECT_EQ(l.Close(h), 0);
 }
 
+// A replaced memo stays in its blocks while it fits and moves to the end
+// when it does not, its neighbour untouched.  The run it leaves is reused
+// first-fit in the dBASE IV layout and left behind in the others.
+TEST_P(FormatTest, ReplacedMemosStayInPlaceWhenTheyFitOrMove) {
+  const Layout& l = GetParam();
+  const size_t two_blocks = 2 * BlockSize() - Overhead();
+  int32_t h = Make("r");
+  uint32_t a = 0, b = 0, moved = 0, next = 0;
+  ASSERT_EQ(l.Put(h, &a, std::string(two_blocks, 'a')), 0);
+  ASSERT_EQ(l.Put(h, &b, "b"), 0);
+  EXPECT_EQ(b, a + 2);
+  for (size_t size : {two_blocks - 5, two_blocks}) {
+    uint32_t same = a;
+    ASSERT_EQ(l.Put(h, &same, std::string(size, 'c'), DB_MEMO_REPLACE), 0) << size;
+    EXPECT_EQ(same, a) << size;
+  }
+  moved = a;
+  ASSERT_EQ(l.Put(h, &moved, std::string(two_blocks + 1, 'd'), DB_MEMO_REPLACE), 0);
+  EXPECT_EQ(moved, b + 1);
+  ASSERT_EQ(l.Put(h, &next, std::string(BlockSize() - Overhead(), 'e')), 0);
+  EXPECT_EQ(next, !l.fpt && l.dialect == 2 ? a : moved + 3);
+  int32_t rc = 0;
+  EXPECT_EQ(l.Get(h, b, &rc), "b");
+  EXPECT_EQ(l.Get(h, moved, &rc), std::string(two_blocks + 1, 'd'));
+  EXPECT_EQ(l.Get(h, next, &rc), std::string(BlockSize() - Overhead(), 'e'));
+  EXPECT_EQ(l.Close(h), 0);
+}
+
 TEST_P(FormatTest, ZapEmptiesTheFile) {
   const Layout& l = GetParam();
   int32_t h = Make("zap");
@@ -113,31 +141,24 @@ TEST_P(FormatTest, SharedWritesNeedTheMemoLock) {
   uint32_t b = 0;
   EXPECT_EQ(l.Put(h, &b, "x"), DB_ERR_MUST_LOCK);
   EXPECT_EQ(l.Zap(h), DB_ERR_MUST_LOCK);
-  int ready[2], done[2];
-  ASSERT_EQ(pipe(ready), 0);
-  ASSERT_EQ(pipe(done), 0);
-  pid_t child = fork();
-  if (child == 0) {
+  Signal ready, done;
+  Child child([&](ChildChecks& checks) {
     int32_t c = -1;
-    bool ok = l.Open(&c, path_, DB_OPEN_SHARED) == 0 && l.Lock(c) == 0 &&
-              l.Put(c, &b, "child") == 0 && b == FirstBlock();
-    char byte = ok ? '1' : '0';
-    (void)!write(ready[1], &byte, 1);
-    (void)!read(done[0], &byte, 1);
-    _exit(0);
-  }
-  char byte = 0;
-  ASSERT_EQ(read(ready[0], &byte, 1), 1);
-  EXPECT_EQ(byte, '1');
+    CHILD_EQ(checks, l.Open(&c, path_, DB_OPEN_SHARED), 0);
+    CHILD_EQ(checks, l.Lock(c), 0);
+    CHILD_EQ(checks, l.Put(c, &b, "child"), 0);
+    CHILD_EQ(checks, b, FirstBlock());
+    ready.Send();
+    done.Wait();
+  });
+  ASSERT_TRUE(ready.Wait());
   EXPECT_EQ(l.Lock(h), DB_ERR_LOCK_RETRIES);
   EXPECT_EQ(l.Put(automatic, &b, "blocked"), DB_ERR_LOCK_RETRIES);
   EXPECT_EQ(l.StateOf(automatic).locked, 0);  // the failed automatic lock is not kept
   int32_t rc = 0;
   EXPECT_EQ(l.Get(h, FirstBlock(), &rc), "child");
-  (void)!write(done[1], &byte, 1);
-  int status = 0;
-  waitpid(child, &status, 0);
-  for (int fd : {ready[0], ready[1], done[0], done[1]}) close(fd);
+  done.Send();
+  child.Join();
   ASSERT_EQ(l.Lock(h), 0);  // the child's lock went with it
   EXPECT_EQ(l.Lock(automatic), DB_ERR_LOCK_RETRIES);
   ASSERT_EQ(l.Put(h, &b, "mine"), 0);

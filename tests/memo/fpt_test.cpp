@@ -1,5 +1,5 @@
-// FPT memo files: block size codes, where replaced memos go, memos written
-// and read in pieces, and damaged files.
+// FPT memo files: block size codes, memos written and read in pieces, and
+// damaged files.
 #include "memo_test_util.h"
 
 namespace kestrel::test {
@@ -54,20 +54,6 @@ TEST_F(FptTest, BlockSizeCodes) {
   }
   EXPECT_EQ(DBfpCreateMemo(path_.c_str(), 0), DB_ERR_PAGE_SIZE);
   EXPECT_EQ(DBfpCreateMemo(path_.c_str(), 512), DB_ERR_PAGE_SIZE);
-}
-
-TEST_F(FptTest, ReplacedMemosStayInPlaceWhenTheyFitOrMove) {
-  int32_t h = Make("reuse.fpt", 64);
-  uint32_t b = Put(h, std::string(40, 'a'));
-  EXPECT_EQ(b, 8u);
-  uint32_t after = Put(h, "next");
-  EXPECT_EQ(Put(h, std::string(50, 'b'), b), b);      // 58 <= 64
-  uint32_t moved = Put(h, std::string(100, 'c'), b);  // 108 > 64
-  EXPECT_GT(moved, after);
-  EXPECT_EQ(Get(h, after), "next");
-  EXPECT_EQ(Get(h, b), std::string(50, 'b'));  // left behind, not reclaimed
-  EXPECT_EQ(Get(h, moved), std::string(100, 'c'));
-  DBfpCloseMemo(h);
 }
 
 TEST_F(FptTest, PiecesWrittenAndRead) {

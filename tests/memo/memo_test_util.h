@@ -9,11 +9,7 @@
 
 namespace kestrel::test {
 
-// Starts and stops the library around each test.
-class MemoTest : public LibraryTest {
- protected:
-  MemoTest() : LibraryTest(60) {}
-};
+using MemoTest = LibraryTestOf<60>;
 
 // Text of the given length made of letters, blanks and CR LF pairs: bytes
 // that every memo layout stores unchanged.

@@ -27,14 +27,8 @@ class PackTest : public MemoTest, public ::testing::WithParamInterface<Format> {
   // and an empty memo file.  In FoxPro tables MORE is a G (general) field,
   // which holds its memo reference as M does.
   void Create(const std::string& dbf, const std::string& memo) {
-    DBFIELD fields[3] = {};
-    std::strcpy(fields[0].name, "NAME");
-    fields[0].type = 'C';
-    fields[0].length = 10;
-    std::strcpy(fields[1].name, "NOTES");
-    fields[1].type = 'M';
-    std::strcpy(fields[2].name, "MORE");
-    fields[2].type = GetParam().layout.fpt ? 'G' : 'M';
+    DBFIELD fields[3] = {Field("NAME", 'C', 10), Field("NOTES", 'M'),
+                         Field("MORE", GetParam().layout.fpt ? 'G' : 'M')};
     ASSERT_EQ(DBCreateFile(dbf.c_str(), 3, fields, GetParam().layout.dialect), 0);
     ASSERT_EQ(GetParam().layout.Create(memo), 0);
   }

@@ -8,24 +8,15 @@
 
 #include "runtime/file_services.h"
 #include "runtime/handles.h"
-#include "runtime_fixture.h"
+#include "runtime/library_state.h"
+#include "support/library.h"
 
 namespace kestrel::test {
 namespace {
 
-// The log name holds at most 29 characters, so the tests run inside their
-// temporary directory and name the log relative to it.
-class ErrorLogTest : public RuntimeTest {
+class ErrorLogTest : public InDirTest {
  protected:
-  void SetUp() override {
-    RuntimeTest::SetUp();
-    ASSERT_NE(getcwd(saved_, sizeof saved_), nullptr);
-    ASSERT_EQ(chdir(dir_.path().c_str()), 0);
-  }
-  void TearDown() override {
-    RuntimeTest::TearDown();
-    EXPECT_EQ(chdir(saved_), 0);
-  }
+  ErrorLogTest() : InDirTest(20) {}
   // The records of a log as "MODULE code", each checked to have the form
   // "..\C_WIN32\<module>", tab, a positive line number, tab, the code.
   std::vector<std::string> Records(const std::string& name, std::vector<int>* lines = nullptr) {
@@ -42,8 +33,6 @@ class ErrorLogTest : public RuntimeTest {
     EXPECT_EQ(used, static_cast<long>(text.size())) << "bad or unterminated record in " << text;
     return records;
   }
-
-  char saved_[4096];
 };
 
 TEST_F(ErrorLogTest, OneRecordPerLoggedFailureAndPerLevelPassedOn) {

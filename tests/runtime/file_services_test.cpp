@@ -4,12 +4,13 @@
 #include <string>
 
 #include "runtime/file_services.h"
-#include "runtime_fixture.h"
+#include "runtime/library_state.h"
+#include "support/library.h"
 
 namespace kestrel::test {
 namespace {
 
-class FileServicesTest : public RuntimeTest {
+class FileServicesTest : public LibraryTestOf<20> {
  protected:
   std::string MakeFile(const std::string& name, const std::string& content) {
     std::string path = dir_.File(name);

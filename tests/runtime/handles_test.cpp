@@ -3,7 +3,8 @@
 #include <vector>
 
 #include "runtime/handles.h"
-#include "runtime_fixture.h"
+#include "runtime/library_state.h"
+#include "support/library.h"
 
 namespace kestrel::test {
 namespace {
@@ -28,7 +29,7 @@ int32_t Take(int kind, TestBlock** block = nullptr) {
   return handle;
 }
 
-using HandleTest = RuntimeTest;
+using HandleTest = LibraryTestOf<20>;
 
 TEST_F(HandleTest, InitializeSizesTheTableLockBufferAndDateStyle) {
   EXPECT_EQ(DBInitialize(4, 0), -213);

@@ -1,66 +1,19 @@
 // Byte-range locks: the retry loop against a lock held by another process,
 // conflicts between two handles of one process, and the lock buffer.
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <string>
 
 #include "runtime/file_services.h"
-#include "runtime_fixture.h"
+#include "runtime/library_state.h"
+#include "support/child.h"
+#include "support/library.h"
 
 namespace kestrel::test {
 namespace {
 
-// A second process that opens the file itself (so it has its own open file
-// description) and locks a region.  It answers '+' once the region is held,
-// unlocks on 'u' (answering '+' or '-'), and exits when the pipe closes.
-class LockHolder {
- public:
-  LockHolder(const std::string& path, uint32_t offset, uint32_t length) {
-    int to_child[2], to_parent[2];
-    if (pipe(to_child) != 0 || pipe(to_parent) != 0) return;
-    pid_ = fork();
-    if (pid_ == 0) {
-      close(to_child[1]);
-      close(to_parent[0]);
-      FileHandle h = kNoFile;
-      uint32_t attributes = 0;
-      char answer =
-          FileOpen(&h, path.c_str(), 0x400, &attributes) >= 0 && FileLock(h, 0, offset, length) >= 0
-              ? '+'
-              : '-';
-      for (char c = 0; write(to_parent[1], &answer, 1) == 1 && read(to_child[0], &c, 1) == 1;) {
-        answer = FileLock(h, 1, offset, length) >= 0 ? '+' : '-';
-      }
-      _exit(0);
-    }
-    close(to_child[0]);
-    close(to_parent[1]);
-    command_ = to_child[1];
-    reply_ = to_parent[0];
-  }
-  ~LockHolder() {
-    close(command_);
-    close(reply_);
-    if (pid_ > 0) waitpid(pid_, nullptr, 0);
-  }
-  // The child's next answer, after sending c (none: just wait).
-  char Answer(char c = 0) {
-    char answer = '!';
-    if ((c && write(command_, &c, 1) != 1) || read(reply_, &answer, 1) != 1) return '!';
-    return answer;
-  }
-
- private:
-  pid_t pid_ = -1;
-  int command_ = -1;
-  int reply_ = -1;
-};
-
-class LockTest : public RuntimeTest {
+class LockTest : public LibraryTestOf<20> {
  protected:
   void SetUp() override {
-    RuntimeTest::SetUp();
+    LibraryTestOf<20>::SetUp();
     path_ = dir_.File("t.dbf");
     WriteFileBytes(path_, std::vector<uint8_t>(64, 'x'));
   }
@@ -80,13 +33,23 @@ class LockTest : public RuntimeTest {
     EXPECT_EQ(DBGetLockCount(&used, &capacity), 0);
     return used;
   }
-  TempDir dir_;
   std::string path_;
 };
 
 TEST_F(LockTest, OtherProcessHoldsRegionUntilItUnlocks) {
-  LockHolder holder(path_, 100, 10);
-  ASSERT_EQ(holder.Answer(), '+');
+  // The other process opens the file itself, so it has its own open file
+  // description.
+  Signal locked, unlock, unlocked;
+  Child holder([&](ChildChecks& checks) {
+    FileHandle c = OpenShared();
+    CHILD_EQ(checks, FileLock(c, 0, 100, 10), 0);
+    locked.Send();
+    unlock.Wait();
+    CHILD_EQ(checks, FileLock(c, 1, 100, 10), 0);
+    unlocked.Send();
+    unlock.Wait();
+  });
+  ASSERT_TRUE(locked.Wait());
   FileHandle h = OpenShared();
   for (int32_t retries : {0, 1, 7}) {
     DBSetLockRetryCount(retries);
@@ -96,7 +59,8 @@ TEST_F(LockTest, OtherProcessHoldsRegionUntilItUnlocks) {
   }
   EXPECT_EQ(LocksUsed(), 0);
   EXPECT_EQ(Lock(h, 0, 110, 5), 0);  // the neighbouring bytes are free
-  ASSERT_EQ(holder.Answer('u'), '+');
+  unlock.Send();
+  ASSERT_TRUE(unlocked.Wait());
   DBSetLockRetryCount(3);
   long before = kestrel::testing::LockAttempts();
   EXPECT_EQ(Lock(h, 0, 100, 10), 0);
@@ -104,6 +68,8 @@ TEST_F(LockTest, OtherProcessHoldsRegionUntilItUnlocks) {
   EXPECT_EQ(IsRegionLocked(h, 100, 10), 1);
   EXPECT_EQ(LocksUsed(), 2);
   FileClose(h);
+  unlock.Send();
+  holder.Join();
   // The retry count outlives DBTerminate and DBInitialize.
   DBTerminate();
   ASSERT_EQ(DBInitialize(20, 0), 0);

@@ -4,7 +4,8 @@
 #include <new>
 
 #include "runtime/boundary.h"
-#include "runtime_fixture.h"
+#include "runtime/library_state.h"
+#include "support/library.h"
 
 namespace kestrel::test {
 namespace {
@@ -12,7 +13,7 @@ namespace {
 using kestrel::testing::FailAllocation;
 using kestrel::testing::LiveAllocations;
 
-using MemoryTest = RuntimeTest;
+using MemoryTest = LibraryTestOf<20>;
 
 TEST_F(MemoryTest, InitializeFailsAtEachAllocationWithoutLeaking) {
   ASSERT_EQ(DBTerminate(), 0);

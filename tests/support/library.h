@@ -71,6 +71,30 @@ class LibraryTest : public ::testing::Test {
   int32_t count_;
 };
 
+// LibraryTest with a handle count of its own.
+template <int32_t kCount>
+class LibraryTestOf : public LibraryTest {
+ protected:
+  LibraryTestOf() : LibraryTest(kCount) {}
+};
+
+// LibraryTest run inside its temporary directory: the error log's name holds
+// at most 29 characters, so tests name their logs relative to it.
+class InDirTest : public LibraryTest {
+ protected:
+  using LibraryTest::LibraryTest;
+  void SetUp() override {
+    ASSERT_NE(getcwd(saved_, sizeof saved_), nullptr);
+    ASSERT_EQ(chdir(dir_.path().c_str()), 0);
+    LibraryTest::SetUp();
+  }
+  void TearDown() override {
+    LibraryTest::TearDown();
+    EXPECT_EQ(chdir(saved_), 0);
+  }
+  char saved_[4096];
+};
+
 // The kestrel tool, or "" when it is not built in this tree.
 inline std::string ToolPath() {
   const std::string tool = KESTREL_TOOL_PATH;
