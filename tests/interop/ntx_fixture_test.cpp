@@ -12,9 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "index/clipper/ntx_check.h"
-#include "kestrel/kestrel.h"
-#include "support/temp_dir.h"
+#include "ntx/ntx_test_util.h"
 
 namespace kestrel::test {
 namespace {
@@ -80,10 +78,10 @@ const IndexCase kIndexes[] = {
 };
 constexpr int32_t kRecords = 300;
 
-class NtxFixtureTest : public ::testing::TestWithParam<IndexCase> {
+class NtxFixtureTest : public NtxTest, public ::testing::WithParamInterface<IndexCase> {
  protected:
   void SetUp() override {
-    ASSERT_EQ(DBInitialize(64, 0), 0);
+    NtxTest::SetUp();
     // Dates reach the keys through the default style: a four-digit one.
     ASSERT_EQ(DBSetDefaultDateStyle(3), 0);
     table_path_ = CopyFixture("ntx/staff.dbf", dir_);
@@ -95,10 +93,6 @@ class NtxFixtureTest : public ::testing::TestWithParam<IndexCase> {
       ASSERT_EQ(expected_.walk.size(), static_cast<size_t>(kRecords));
     }
   }
-  void TearDown() override {
-    DBCloseFile(table_);
-    DBTerminate();
-  }
 
   int32_t Open(const std::string& path, int32_t mode = 0) {
     int32_t h = -1;
@@ -107,32 +101,11 @@ class NtxFixtureTest : public ::testing::TestWithParam<IndexCase> {
     EXPECT_EQ(DBclSetNumericKeyForm(h, DB_CL_NUMERIC_WITH_DECIMALS, nullptr), 0);
     return h;
   }
-
-  std::vector<std::pair<std::string, int32_t>> Walk(int32_t h) {
-    std::vector<std::pair<std::string, int32_t>> out;
-    int len = GetParam().length;
-    std::string key(len + 1, '\0');
-    int32_t rec = 0;
-    for (int32_t rc = DBclGoFirstKey(h, key.data(), &rec); rc == 0;
-         rc = DBclGoNextKey(h, key.data(), &rec)) {
-      out.emplace_back(std::string(key.data(), len), rec);
-    }
-    return out;
-  }
-
+  KeyList Walk(int32_t h) { return NtxTest::Walk(h, GetParam().length); }
   std::vector<int32_t> Records(int32_t h) {
     std::vector<int32_t> out;
-    for (const auto& e : Walk(h)) out.push_back(e.second);
+    for (const auto& e : Walk(h)) out.push_back(static_cast<int32_t>(e.second));
     return out;
-  }
-
-  std::string Findings(const std::string& path) {
-    Vec<ntx::CheckFinding> findings;
-    ntx::CheckSummary summary{};
-    std::string text;
-    if (ntx::CheckIndexFile(path.c_str(), &findings, &summary) < 0) text = "unreadable";
-    for (const auto& f : findings) text += std::to_string(f.page) + ": " + f.text + "\n";
-    return text;
   }
 
   // The search key for a seek text: character and date texts as they are,
@@ -145,14 +118,13 @@ class NtxFixtureTest : public ::testing::TestWithParam<IndexCase> {
     return key;
   }
 
-  TempDir dir_;
   std::string table_path_, index_path_;
   int32_t table_ = -1;
   Expected expected_;
 };
 
 TEST_P(NtxFixtureTest, WalkMatchesTheWritingProgram) {
-  EXPECT_EQ(Findings(index_path_), "");
+  EXPECT_EQ(FileFindings(index_path_), "");
   int32_t h = Open(index_path_, DB_OPEN_READONLY);
   EXPECT_EQ(Records(h), expected_.walk);
   DBCLINDEXINFO info{};
@@ -162,7 +134,7 @@ TEST_P(NtxFixtureTest, WalkMatchesTheWritingProgram) {
   EXPECT_EQ(info.key_flags, GetParam().flags);
   // Every stored key is the key made from its record.
   for (const auto& [key, rec] : Walk(h)) {
-    ASSERT_GE(DBGetRecord(table_, rec), 0);
+    ASSERT_GE(DBGetRecord(table_, static_cast<int32_t>(rec)), 0);
     char* made = nullptr;
     ASSERT_GE(DBclMakeKey(table_, h, &made), 0) << rec;
     EXPECT_EQ(std::string(made, GetParam().length), key) << "record " << rec;
@@ -219,12 +191,12 @@ TEST_P(NtxFixtureTest, OurBuildWalksTheSameWay) {
   std::string expr = c.expression;
   int32_t type = c.type | c.flags | (c.type == 'N' ? DB_CL_BUILD_WITH_DECIMALS : 0);
   ASSERT_GE(DBclBuildIndex(table_, path.c_str(), type, expr.data(), c.length, c.decimals), 0);
-  EXPECT_EQ(Findings(path), "");
+  EXPECT_EQ(FileFindings(path), "");
   int32_t theirs = Open(index_path_, DB_OPEN_READONLY);
   int32_t ours = Open(path);
   auto a = Walk(ours), b = Walk(theirs);
   ASSERT_EQ(a.size(), b.size());
-  auto grouped = [](std::vector<std::pair<std::string, int32_t>> v) {
+  auto grouped = [](KeyList v) {
     std::stable_sort(v.begin(), v.end());  // records sorted within equal keys
     return v;
   };
@@ -240,21 +212,18 @@ TEST_P(NtxFixtureTest, ChangedCopiesStayValid) {
   int32_t h = Open(index_path_);
   auto keys = Walk(h);
   // Take out every third key, then put them back in reverse order.
-  std::vector<std::pair<std::string, int32_t>> removed;
+  KeyList removed;
   for (size_t i = 0; i < keys.size(); i += 3) {
-    ASSERT_EQ(DBclDeleteKey(h, keys[i].first.c_str(), keys[i].second), 0) << i;
+    ASSERT_EQ(DBclDeleteKey(h, keys[i].first.c_str(), static_cast<int32_t>(keys[i].second)), 0);
     removed.push_back(keys[i]);
   }
-  Vec<ntx::CheckFinding> findings;
-  ntx::CheckSummary summary{};
-  ASSERT_EQ(ntx::CheckIndexHandle(h, &findings, &summary), 0);
-  EXPECT_TRUE(findings.empty()) << findings[0].text;
+  EXPECT_EQ(Findings(h), "");
   EXPECT_EQ(Walk(h).size(), keys.size() - removed.size());
   for (auto it = removed.rbegin(); it != removed.rend(); ++it) {
-    ASSERT_EQ(DBclInsertKey(h, it->first.c_str(), it->second), 0);
+    ASSERT_EQ(DBclInsertKey(h, it->first.c_str(), static_cast<int32_t>(it->second)), 0);
   }
   ASSERT_EQ(DBclCloseIndex(h), 0);
-  EXPECT_EQ(Findings(index_path_), "");
+  EXPECT_EQ(FileFindings(index_path_), "");
   h = Open(index_path_);
   auto again = Walk(h);
   ASSERT_EQ(again.size(), keys.size());

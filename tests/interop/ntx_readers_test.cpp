@@ -10,9 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "kestrel/kestrel.h"
-#include "support/interop.h"
-#include "support/temp_dir.h"
+#include "support/library.h"
 
 namespace kestrel::test {
 namespace {
@@ -211,10 +209,7 @@ TEST_F(NtxReadersTest, Xbase64ReadsIndexesAfterManySplitsAndMerges) {
     SplitMergeRun(path, flags, &names);
     // The table Xbase64 opens the index through: record i holds the key added at step i.
     std::string table = dir_.File(flags ? "upd_desc.dbf" : "upd.dbf");
-    DBFIELD field{};
-    std::strcpy(field.name, "NAME");
-    field.type = 'C';
-    field.length = 12;
+    DBFIELD field = Field("NAME", 'C', 12);
     ASSERT_EQ(DBCreateFile(table.c_str(), 1, &field, DB_DIALECT_CLIPPER), 0);
     int32_t t = -1;
     ASSERT_EQ(DBOpenFile(&t, table.c_str(), DB_DIALECT_CLIPPER), 0);

@@ -75,8 +75,10 @@ inline std::vector<std::string> ReaderCommand(Checker checker, const std::string
 
 // Reads every record of a table through the engine into the normalised form.
 // Memo fields give their block number. Returns null JSON (after a test
-// failure) when the table does not open.
-inline Json KestrelDump(const std::string& path, int dialect) {
+// failure) when the table does not open.  `raw` keeps what is stored: the
+// record image ("raw"), C fields with their blanks, blank N, D and L fields
+// as 0, "" and false, and memo fields' 10 stored bytes.
+inline Json KestrelDump(const std::string& path, int dialect, bool raw = false) {
   int32_t handle = -1;
   int32_t rc = DBOpenFile(&handle, path.c_str(), dialect | DB_OPEN_READONLY);
   if (rc < 0) {
@@ -120,7 +122,7 @@ inline Json KestrelDump(const std::string& path, int dialect) {
           std::string text(static_cast<size_t>(f.length) + 1, '\0');
           EXPECT_GE(DBGetFieldData(handle, index, text.data()), 0);
           text.resize(static_cast<size_t>(f.length));
-          v = Latin1(RStrip(text, std::string(" \0", 2).c_str()));
+          v = Latin1(raw ? text : RStrip(text, std::string(" \0", 2).c_str()));
           break;
         }
         case 'N':
@@ -128,7 +130,7 @@ inline Json KestrelDump(const std::string& path, int dialect) {
           double d = 0;
           int32_t frc = DBGetFieldData(handle, index, &d);
           EXPECT_GE(frc, 0);
-          if (frc != DB_WARN_FIELD_EMPTY) v = d;
+          if (raw || frc != DB_WARN_FIELD_EMPTY) v = d;
           break;
         }
         case 'D': {
@@ -136,16 +138,23 @@ inline Json KestrelDump(const std::string& path, int dialect) {
           int32_t frc = DBGetFieldData(handle, index, text);
           EXPECT_GE(frc, 0) << f.name << " of record " << recno;
           if (frc != DB_WARN_FIELD_EMPTY && frc >= 0) v = std::string(text);
+          if (raw && frc == DB_WARN_FIELD_EMPTY) v = "";
           break;
         }
         case 'L': {
           uint8_t flag = 2;
           int32_t frc = DBGetFieldData(handle, index, &flag);
           EXPECT_GE(frc, 0);
-          if (frc != DB_WARN_FIELD_EMPTY && flag <= 1) v = flag == 1;
+          if (raw || (frc != DB_WARN_FIELD_EMPTY && flag <= 1)) v = flag == 1;
           break;
         }
         case 'M': {
+          if (raw) {
+            std::string stored(11, '\0');
+            EXPECT_GE(DBGetStrField(handle, index, stored.data()), 0);
+            v = stored.substr(0, 10);
+            break;
+          }
           uint32_t block = 0;
           int32_t frc = DBGetFieldData(handle, index, &block);
           EXPECT_GE(frc, 0);
@@ -159,6 +168,10 @@ inline Json KestrelDump(const std::string& path, int dialect) {
     }
     out["records"].push_back(
         {{"recno", recno}, {"deleted", rc == DB_WARN_RECORD_DELETED}, {"values", values}});
+    if (raw) {
+      const auto* image = static_cast<const char*>(info.record_buffer);
+      out["records"].back()["raw"] = Latin1(std::string(image, info.record_length));
+    }
   }
   EXPECT_EQ(DBCloseFile(handle), 0);
   return out;

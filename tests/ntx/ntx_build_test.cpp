@@ -3,7 +3,6 @@
 // for single records agreeing with the build, the shared sorter against a
 // model, failed and stopped builds keeping the old index, and two builds in
 // one folder at once.
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -19,6 +18,7 @@
 #include "index/common/sorter.h"
 #include "ntx_test_util.h"
 #include "runtime/library_state.h"
+#include "support/child.h"
 
 namespace kestrel::test {
 namespace {
@@ -27,14 +27,7 @@ class NtxBuildTest : public NtxTest {
  protected:
   void SetUp() override {
     NtxTest::SetUp();
-    DBFIELD fields[2] = {};
-    std::strcpy(fields[0].name, "NAME");
-    fields[0].type = 'C';
-    fields[0].length = 12;
-    std::strcpy(fields[1].name, "AMOUNT");
-    fields[1].type = 'N';
-    fields[1].length = 10;
-    fields[1].decimals = 2;
+    DBFIELD fields[2] = {Field("NAME", 'C', 12), Field("AMOUNT", 'N', 10, 2)};
     table_path_ = dir_.File("people.dbf");
     ASSERT_EQ(DBCreateFile(table_path_.c_str(), 2, fields, DB_DIALECT_CLIPPER), 0);
     ASSERT_EQ(DBOpenFile(&table_, table_path_.c_str(), DB_DIALECT_CLIPPER), 0);
@@ -72,15 +65,7 @@ class NtxBuildTest : public NtxTest {
     return h;
   }
 
-  // The names in the test folder.
-  std::vector<std::string> Listing() const {
-    std::vector<std::string> names;
-    for (const auto& entry : std::filesystem::directory_iterator(dir_.path())) {
-      names.push_back(entry.path().filename().string());
-    }
-    std::sort(names.begin(), names.end());
-    return names;
-  }
+  std::vector<std::string> Listing() const { return dir_.Listing(); }
 
   static constexpr int kRecords = 3000;
   std::string table_path_;
@@ -239,45 +224,34 @@ TEST_F(NtxBuildTest, TwoBuildsInOneFolderAtOnce) {
   }
   ASSERT_EQ(DBCloseFile(table_), 0);
   table_ = -1;
-  int to_b[2], to_a[2];
-  ASSERT_EQ(pipe(to_b), 0);
-  ASSERT_EQ(pipe(to_a), 0);
-  struct Barrier {
-    int send, receive;
-  };
-  pid_t children[2];
-  for (int i = 0; i < 2; ++i) {
-    children[i] = fork();
-    ASSERT_GE(children[i], 0);
-    if (children[i] != 0) continue;
-    // The child: its own table handle, small runs, and the meeting point at
-    // the end of the reading phase.
-    Barrier barrier = i == 0 ? Barrier{to_b[1], to_a[0]} : Barrier{to_a[1], to_b[0]};
-    int32_t t = -1;
-    if (DBOpenFile(&t, table_path_.c_str(), DB_DIALECT_CLIPPER | DB_OPEN_READONLY | DB_OPEN_SHARED) != 0) {
-      _exit(2);
+  {
+    // Each child: its own table handle, small runs, and the meeting point at
+    // the end of its reading phase.
+    Signal a_read, b_read;
+    Signal* mine[2][2] = {{&a_read, &b_read}, {&b_read, &a_read}};  // send, wait
+    std::vector<std::unique_ptr<Child>> children;
+    for (int i = 0; i < 2; ++i) {
+      children.push_back(std::make_unique<Child>([&, i](ChildChecks& checks) {
+        int32_t t = -1;
+        const int32_t mode = DB_DIALECT_CLIPPER | DB_OPEN_READONLY | DB_OPEN_SHARED;
+        CHILD_EQ(checks, DBOpenFile(&t, table_path_.c_str(), mode), 0);
+        index::SetBuildSortBudget(16 * 100);
+        auto meet = [](void* context, int32_t phase, uint64_t done, uint64_t total) -> int32_t {
+          auto* signals = static_cast<Signal**>(context);
+          if (phase == DB_CL_BUILD_READING && done == total) {
+            signals[0]->Send();
+            if (!signals[1]->Wait()) return -212;
+          }
+          return 0;
+        };
+        std::string expr = "NAME";
+        CHILD_EQ(checks,
+                 DBclBuildIndexWithProgress(t, dir_.File(builds[i].name).c_str(), builds[i].type,
+                                            expr.data(), 12, 0, meet, mine[i]),
+                 0);
+      }));
     }
-    index::SetBuildSortBudget(16 * 100);
-    auto meet = [](void* context, int32_t phase, uint64_t done, uint64_t total) -> int32_t {
-      auto* b = static_cast<Barrier*>(context);
-      if (phase == DB_CL_BUILD_READING && done == total) {
-        char c = 1;
-        if (write(b->send, &c, 1) != 1 || read(b->receive, &c, 1) != 1) return -212;
-      }
-      return 0;
-    };
-    std::string expr = "NAME";
-    std::string path = dir_.File(builds[i].name);
-    int32_t rc = DBclBuildIndexWithProgress(t, path.c_str(), builds[i].type, expr.data(), 12, 0,
-                                            meet, &barrier);
-    _exit(rc == 0 ? 0 : 1);
   }
-  for (pid_t child : children) {
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-  }
-  for (int fd : {to_a[0], to_a[1], to_b[0], to_b[1]}) close(fd);
   for (const Build& b : builds) {
     EXPECT_TRUE(ReadFileBytes(dir_.File(b.name)) == b.alone) << b.name;
   }
@@ -469,11 +443,7 @@ TEST(NtxNumericText, DigitKeysEqualTheDoubleConversion) {
 // evaluator (forced by registering a keyword) write the same bytes, also for
 // texts the shortcut leaves to the evaluator.
 TEST_F(NtxBuildTest, DirectNumericBuildEqualsEvaluatedBuild) {
-  DBFIELD field{};
-  std::strcpy(field.name, "VALUE");
-  field.type = 'N';
-  field.length = 16;
-  field.decimals = 4;
+  DBFIELD field = Field("VALUE", 'N', 16, 4);
   std::string path = dir_.File("numbers.dbf");
   ASSERT_EQ(DBCreateFile(path.c_str(), 1, &field, DB_DIALECT_CLIPPER), 0);
   int32_t t = -1;

@@ -10,17 +10,14 @@
 
 #include "index/clipper/ntx_check.h"
 #include "kestrel/kestrel.h"
-#include "support/temp_dir.h"
+#include "support/library.h"
 
 namespace kestrel::test {
 
 using KeyList = std::vector<std::pair<std::string, uint32_t>>;
 
-class NtxTest : public ::testing::Test {
+class NtxTest : public LibraryTestOf<64> {
  public:
-  void SetUp() override { ASSERT_EQ(DBInitialize(64, 0), 0); }
-  void TearDown() override { DBTerminate(); }
-
   // Creates an index and opens it; returns the handle.
   int32_t CreateOpen(const std::string& name, int32_t type, int32_t length, int32_t decimals = 0,
                      const char* expression = "NAME", int32_t mode = 0) {
@@ -63,8 +60,6 @@ class NtxTest : public ::testing::Test {
     for (const auto& f : findings) text += std::to_string(f.page) + ": " + f.text + "\n";
     return text;
   }
-
-  TempDir dir_;
 };
 
 }  // namespace kestrel::test

@@ -40,13 +40,7 @@ class PackTest : public SharingTest {
     }
     return out;
   }
-  // The files in the temp dir, by name.
-  Texts Files() {
-    Texts out;
-    for (const auto& e : fs::directory_iterator(dir_.path())) out.push_back(e.path().filename());
-    std::sort(out.begin(), out.end());
-    return out;
-  }
+  Texts Files() { return dir_.Listing(); }
 };
 
 TEST_F(PackTest, TheRebuiltFileIsWhatAFreshTableWithTheActiveRecordsWouldBe) {

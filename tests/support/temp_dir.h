@@ -17,6 +17,8 @@ class TempDir {
   const std::string& path() const { return path_; }
   // path()/name
   std::string File(const std::string& name) const;
+  // The names in the directory, sorted.
+  std::vector<std::string> Listing() const;
 
  private:
   std::string path_;

@@ -108,16 +108,8 @@ class MemoExportTest : public LibraryTest {
   std::string MakeTable(const std::string& name, int32_t dialect,
                         const std::vector<std::vector<std::string>>& refs) {
     const std::string path = dir_.File(name);
-    std::vector<DBFIELD> fields(dialect == DB_DIALECT_FOXPRO ? 3 : 2);
-    std::strcpy(fields[0].name, "NAME");
-    fields[0].type = 'C';
-    fields[0].length = 8;
-    std::strcpy(fields[1].name, "NOTES");
-    fields[1].type = 'M';
-    if (fields.size() == 3) {
-      std::strcpy(fields[2].name, "PIC");
-      fields[2].type = 'G';
-    }
+    std::vector<DBFIELD> fields = {Field("NAME", 'C', 8), Field("NOTES", 'M'), Field("PIC", 'G')};
+    if (dialect != DB_DIALECT_FOXPRO) fields.pop_back();
     EXPECT_EQ(
         DBCreateFile(path.c_str(), static_cast<int32_t>(fields.size()), fields.data(), dialect), 0);
     int32_t h = -1;

@@ -28,14 +28,7 @@ class NtxToolTest : public ::testing::Test {
     table_ = CopyFixture("ntx/staff.dbf", dir_);
     CopyFixture("ntx/staff.dbt", dir_);
   }
-  std::vector<std::string> Listing() const {
-    std::vector<std::string> names;
-    for (const auto& entry : std::filesystem::directory_iterator(dir_.path())) {
-      names.push_back(entry.path().filename().string());
-    }
-    std::sort(names.begin(), names.end());
-    return names;
-  }
+  std::vector<std::string> Listing() const { return dir_.Listing(); }
   std::string table_;
   TempDir dir_;
 };
@@ -150,10 +143,7 @@ TEST_F(NtxToolTest, FailedRebuildKeepsTheOldIndex) {
 // dies of the signal.
 TEST_F(NtxToolTest, InterruptedRebuildKeepsTheOldIndex) {
   ASSERT_EQ(DBInitialize(64, 0), 0);
-  DBFIELD field{};
-  std::strcpy(field.name, "NAME");
-  field.type = 'C';
-  field.length = 10;
+  DBFIELD field = Field("NAME", 'C', 10);
   std::string big = dir_.File("big.dbf");
   std::string index = dir_.File("big.ntx");
   int32_t t = -1;

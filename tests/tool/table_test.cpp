@@ -125,18 +125,7 @@ TEST_F(TableToolTest, CsvDumpHasHeaderAndOneLinePerRecord) {
 TEST_F(TableToolTest, NumbersKeepTheirStoredDigits) {
   const std::string path = dir_.File("wide.dbf");
   ASSERT_GE(DBInitialize(16, 0), 0);
-  DBFIELD fields[3] = {};
-  std::snprintf(fields[0].name, sizeof fields[0].name, "BIG");
-  fields[0].type = 'N';
-  fields[0].length = 20;
-  std::snprintf(fields[1].name, sizeof fields[1].name, "FINE");
-  fields[1].type = 'N';
-  fields[1].length = 20;
-  fields[1].decimals = 18;
-  std::snprintf(fields[2].name, sizeof fields[2].name, "SMALL");
-  fields[2].type = 'F';
-  fields[2].length = 8;
-  fields[2].decimals = 2;
+  DBFIELD fields[3] = {Field("BIG", 'N', 20), Field("FINE", 'N', 20, 18), Field("SMALL", 'F', 8, 2)};
   ASSERT_EQ(DBCreateFile(path.c_str(), 3, fields, DB_DIALECT_DBASE4), 0);
   int32_t h = -1;
   ASSERT_EQ(DBOpenFile(&h, path.c_str(), DB_DIALECT_DBASE4), 0);
