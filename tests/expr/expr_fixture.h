@@ -98,14 +98,15 @@ inline int32_t PadKeyword(DBEXPRVALUE* current) {
 //   HIRED D  ACTIVE L  NOTES M  Q1 Q2 (3: unsigned 32-bit)  S1 S2 (5: unsigned
 //   16-bit)  I1 (4: signed 32-bit)  F1 F2 (2: float)  RAW12 (12: not converted)
 // Record 1 is filled, record 2 has a blank date and other texts.
-class ExprTest : public ::testing::Test {
+class ExprTest : public LibraryTest {
  public:
   // Evaluates text with DBEvaluateStr against table and frees the result.
   static Result EvalOn(int32_t table, const std::string& expression);
 
  protected:
+  ExprTest() : LibraryTest(40, 3) {}  // default date style 3, mm/dd/yyyy
   void SetUp() override {
-    ASSERT_EQ(DBInitialize(40, 3), 0);  // default date style 3, mm/dd/yyyy
+    LibraryTest::SetUp();
     path_ = dir_.File("staff.dbf");
     std::vector<DBFIELD> fields = {
         Field("NAME", 'C', 10),  Field("FIRST", 'C', 8),      Field("PRICE", 'N', 8, 2),
@@ -142,17 +143,10 @@ class ExprTest : public ::testing::Test {
     ASSERT_GE(DBGetRecord(table_, 1), 0);
   }
 
-  void TearDown() override {
-    DBCloseFile(table_);
-    DBTerminate();
-    testing::FailAllocation(0);
-  }
-
   // Evaluates text with DBEvaluateStr and frees the result buffer.
   Result Eval(const std::string& expression) { return EvalOn(table_, expression); }
   std::string Show(const std::string& expression) { return Eval(expression).Show(); }
 
-  TempDir dir_;
   std::string path_;
   int32_t table_ = -1;
 };

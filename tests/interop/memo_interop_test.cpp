@@ -181,7 +181,6 @@ INSTANTIATE_TEST_SUITE_P(Memo, KestrelMemosRead,
 struct Writer {
   const char* name;
   Checker checker;
-  const char* script;
   const char* kind;
   Layout layout;
   bool table_readable;  // Perl XBase marks dBASE IV 0x84 and FoxPro 0x85
@@ -192,8 +191,11 @@ class CheckerMemosRead : public MemoInteropTest, public ::testing::WithParamInte
 TEST_P(CheckerMemosRead, ByKestrel) {
   const Writer& w = GetParam();
   KESTREL_REQUIRE_CHECKER(w.checker);
-  std::vector<std::string> argv = {w.checker == Checker::kPerlXBase ? kPerl : kPython,
-                                   InteropScript(w.script), dir_.path(), w.kind};
+  const bool perl = w.checker == Checker::kPerlXBase;
+  std::vector<std::string> argv = {perl ? kPerl : kPython,
+                                   InteropScript(perl ? "write_xbase.pl" : "write_pydbf.py"),
+                                   dir_.File(std::string(perl ? "pl_" : "py_") + w.kind + ".dbf"),
+                                   w.kind, "memos"};
   Json written = RunChecker(argv);
   ASSERT_TRUE(written.contains("texts"));
   const std::string dbf = written["table"];
@@ -232,28 +234,15 @@ TEST_P(CheckerMemosRead, ByKestrel) {
   w.layout.Close(m);
 }
 
+// python3-dbf gives its FoxPro tables a header length that no dialect accepts
+// (-219): their memos are followed from the file.
 INSTANTIATE_TEST_SUITE_P(
     Memo, CheckerMemosRead,
-    ::testing::Values(
-        Writer{"pydbf_db3",
-               Checker::kPythonDbf,
-               "memo_write_pydbf.py",
-               "db3",
-               {"", false, 1, 1},
-               true},
-        // python3-dbf gives its FoxPro tables a header length that no
-        // dialect accepts (-219): their memos are followed from the file.
-        Writer{
-            "pydbf_fp", Checker::kPythonDbf, "memo_write_pydbf.py", "fp", {"", true, 8, 0}, false},
-        Writer{"xbase_3", Checker::kPerlXBase, "memo_write_xbase.pl", "3", {"", false, 1, 1}, true},
-        Writer{
-            "xbase_4", Checker::kPerlXBase, "memo_write_xbase.pl", "4", {"", false, 2, 1}, false},
-        Writer{"xbase_fpt",
-               Checker::kPerlXBase,
-               "memo_write_xbase.pl",
-               "fpt",
-               {"", true, 8, 0},
-               false}),
+    ::testing::Values(Writer{"pydbf_db3", Checker::kPythonDbf, "db3", {"", false, 1, 1}, true},
+                      Writer{"pydbf_fp", Checker::kPythonDbf, "fp", {"", true, 8, 0}, false},
+                      Writer{"xbase_3", Checker::kPerlXBase, "3", {"", false, 1, 1}, true},
+                      Writer{"xbase_4", Checker::kPerlXBase, "4", {"", false, 2, 1}, false},
+                      Writer{"xbase_fpt", Checker::kPerlXBase, "fpt", {"", true, 8, 0}, false}),
     [](const auto& info) { return std::string(info.param.name); });
 
 // The memo fixtures through the table engine: each record's memo field leads

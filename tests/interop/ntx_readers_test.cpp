@@ -147,18 +147,14 @@ size_t SplitMergeRun(const std::string& path, int flags, std::vector<std::string
   return live.size();
 }
 
-class NtxReadersTest : public ::testing::Test {
+class NtxReadersTest : public LibraryTestOf<64> {
  protected:
   void SetUp() override {
-    ASSERT_EQ(DBInitialize(64, 0), 0);
+    LibraryTestOf<64>::SetUp();
     ASSERT_EQ(DBSetDefaultDateStyle(15), 0);
     table_path_ = CopyFixture("ntx/staff.dbf", dir_);
     CopyFixture("ntx/staff.dbt", dir_);
     ASSERT_EQ(DBOpenFile(&table_, table_path_.c_str(), DB_DIALECT_CLIPPER | DB_OPEN_READONLY), 0);
-  }
-  void TearDown() override {
-    DBCloseFile(table_);
-    DBTerminate();
   }
   std::string BuildIndex(const Build& b) {
     std::string path = dir_.File(b.name);
@@ -167,7 +163,6 @@ class NtxReadersTest : public ::testing::Test {
         << b.name;
     return path;
   }
-  TempDir dir_;
   std::string table_path_;
   int32_t table_ = -1;
 };

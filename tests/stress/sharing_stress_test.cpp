@@ -14,19 +14,11 @@ class SharingStressTest : public SharingTest {};
 // What an independent reader (python3-dbfread) makes of a table: the number
 // of active records and the sum of the SEQ field, or "" when it is missing.
 std::string ReadWithDbfread(const std::string& path) {
-  if (::access("/usr/bin/python3", X_OK) != 0) return "";
-  std::string command =
-      "/usr/bin/python3 -c \"import sys, dbfread; t = list(dbfread.DBF(sys.argv[1])); "
-      "print(len(t), sum(int(r['SEQ']) for r in t))\" " +
-      path + " 2>/dev/null";
-  std::string out;
-  FILE* pipe = ::popen(command.c_str(), "r");
-  if (!pipe) return "";
-  char chunk[128];
-  size_t n;
-  while ((n = std::fread(chunk, 1, sizeof chunk, pipe)) > 0) out.append(chunk, n);
-  ::pclose(pipe);
-  return out;
+  ProcessResult r = RunProcess({kPython, "-c",
+                                "import sys, dbfread; t = list(dbfread.DBF(sys.argv[1])); "
+                                "print(len(t), sum(int(r['SEQ']) for r in t))",
+                                path});
+  return r.exit_code == 0 ? r.out : "";
 }
 
 TEST_F(SharingStressTest, AppendsOnDisk) {

@@ -44,15 +44,16 @@ std::string R(int32_t rc, const T& value) {
   return out.str();
 }
 
-// The library initialised with `count` (count - 5 slots), the error log
-// off and no lock retries, terminated after each test; a temporary directory.
+// The library initialised with `count` (count - 5 slots) and `flags`, the
+// error log off and no lock retries, terminated after each test; a temporary
+// directory.
 class LibraryTest : public ::testing::Test {
  protected:
-  explicit LibraryTest(int32_t count = 40) : count_(count) {}
+  explicit LibraryTest(int32_t count = 40, int32_t flags = 0) : count_(count), flags_(flags) {}
   void SetUp() override {
     DBErrorLog(0, nullptr);
     DBSetLockRetryCount(0);
-    ASSERT_EQ(DBInitialize(count_, 0), 0);
+    ASSERT_EQ(DBInitialize(count_, flags_), 0);
   }
   void TearDown() override {
     kestrel::testing::FailAllocation(0);
@@ -68,7 +69,7 @@ class LibraryTest : public ::testing::Test {
   TempDir dir_;
 
  private:
-  int32_t count_;
+  int32_t count_, flags_;
 };
 
 // LibraryTest with a handle count of its own.
