@@ -99,8 +99,7 @@ class MemoInteropTest : public MemoTest {
         EXPECT_EQ(l.Put(m, &b, text), 0);
         EXPECT_EQ(DBPutFieldData(t, 1, &b), 0);
       }
-      int32_t recno = 0;
-      EXPECT_EQ(DBPutRecord(t, &recno, DB_RECORD_APPEND), 0);
+      AppendRecord(t);
       texts.push_back(text);
     }
     // Replace two memos: one grows (moves), one shrinks (stays).

@@ -177,27 +177,24 @@ TEST_P(FormatTest, AllocationFailuresLeakNothing) {
   path_ = dir_.File("fault" + l.Extension());
   ASSERT_EQ(l.Create(path_), 0);
   const std::string big(5000, 'w');
-  bool completed = false;
-  for (long n = 1; n < 200 && !completed; ++n) {
-    long live = kestrel::testing::LiveAllocations();
-    kestrel::testing::FailAllocation(n);
-    int32_t h = -1;
-    uint32_t b = 0;
-    int32_t rc = l.Open(&h, path_);
-    if (rc == 0) rc = l.Put(h, &b, big, l.fpt ? 0 : 10);  // DBT: wrapped at 10
-    if (rc == 0) rc = l.Put(h, &b, big + big, DB_MEMO_REPLACE);
-    if (rc == 0) l.Get(h, b, &rc);
-    char* piece = nullptr;
-    if (rc == 0 && l.fpt && (rc = DBfpGetMemoRecord(h, b, &piece, 1000, DB_FPT_PIECES)) == 1) {
-      rc = 0;  // more pieces follow
-    }
-    if (h >= 0) l.Close(h);
-    kestrel::testing::FailAllocation(0);
-    ASSERT_TRUE(rc == 0 || rc == DB_ERR_MEMORY) << "n=" << n << " rc=" << rc;
-    completed = rc == 0;
-    ASSERT_EQ(kestrel::testing::LiveAllocations(), live) << "n=" << n;
-  }
-  EXPECT_TRUE(completed);
+  EXPECT_GT(FailEachAllocation(
+                [&] {
+                  int32_t h = -1;
+                  uint32_t b = 0;
+                  int32_t rc = l.Open(&h, path_);
+                  if (rc == 0) rc = l.Put(h, &b, big, l.fpt ? 0 : 10);  // DBT: wrapped at 10
+                  if (rc == 0) rc = l.Put(h, &b, big + big, DB_MEMO_REPLACE);
+                  if (rc == 0) l.Get(h, b, &rc);
+                  char* piece = nullptr;
+                  if (rc == 0 && l.fpt &&
+                      (rc = DBfpGetMemoRecord(h, b, &piece, 1000, DB_FPT_PIECES)) == 1) {
+                    rc = 0;  // more pieces follow
+                  }
+                  if (h >= 0) l.Close(h);
+                  return rc;
+                },
+                true),
+            0);
 }
 
 INSTANTIATE_TEST_SUITE_P(

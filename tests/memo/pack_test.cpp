@@ -79,9 +79,7 @@ TEST_P(PackTest, KeepsExactlyTheMemosOfActiveRecords) {
         uint32_t b = PutMemo(m, texts[r][fld]);
         ASSERT_EQ(DBPutFieldData(t, 1 + fld, &b), 0);
       }
-      int32_t recno = 0;
-      ASSERT_EQ(DBPutRecord(t, &recno, DB_RECORD_APPEND), 0);
-      ASSERT_EQ(recno, r);
+      ASSERT_EQ(AppendRecord(t), r);
     }
     // Grow some memos (they move, leaving dead space) and delete records,
     // whose memo fields must stay as they are.
@@ -174,8 +172,7 @@ TEST_P(PackTest, DamagedReferencesAreErrorsEverywhere) {
     ASSERT_EQ(DBClearBuffer(t), 0);
     uint32_t b = PutMemo(m, "memo of record " + std::to_string(r));
     ASSERT_EQ(DBPutFieldData(t, 1, &b), 0);
-    int32_t recno = 0;
-    ASSERT_EQ(DBPutRecord(t, &recno, DB_RECORD_APPEND), 0);
+    AppendRecord(t);
   }
   struct Case {
     const char* stored;
@@ -234,8 +231,7 @@ TEST_P(PackTest, AllocationFailures) {
     uint32_t b = PutMemo(m, text_of(i + 1));
     ASSERT_EQ(DBClearBuffer(t), 0);
     ASSERT_EQ(DBPutFieldData(t, 1, &b), 0);
-    int32_t recno = 0;
-    ASSERT_EQ(DBPutRecord(t, &recno, DB_RECORD_APPEND), 0);
+    AppendRecord(t);
   }
   ASSERT_EQ(DBMarkRecordInActive(t, 3), 0);
   l.Close(m);

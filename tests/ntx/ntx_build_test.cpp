@@ -41,9 +41,7 @@ class NtxBuildTest : public NtxTest {
       amounts_.push_back(std::strtod(amount, nullptr));
       ASSERT_EQ(DBPutStrField(table_, 0, name), 0);
       ASSERT_EQ(DBPutStrField(table_, 1, amount), 0);
-      int32_t recno = 0;
-      ASSERT_EQ(DBPutRecord(table_, &recno, DB_RECORD_APPEND), 0);
-      ASSERT_EQ(recno, r);
+      ASSERT_EQ(AppendRecord(table_), r);
     }
     for (int r = 5; r <= kRecords; r += 97) ASSERT_EQ(DBMarkRecordInActive(table_, r), 0);
   }
@@ -456,8 +454,7 @@ TEST_F(NtxBuildTest, DirectNumericBuildEqualsEvaluatedBuild) {
     std::string text = r < 6 ? kSpecial[r] : RandomNumberText(rng, 16);
     while (std::isinf(std::strtod(text.c_str(), nullptr))) text = RandomNumberText(rng, 16);
     ASSERT_EQ(DBPutFieldBinary(t, 0, text.data()), 0);
-    int32_t recno = 0;
-    ASSERT_EQ(DBPutRecord(t, &recno, DB_RECORD_APPEND), 0);
+    AppendRecord(t);
   }
   struct Form {
     int32_t type, length, decimals;

@@ -18,19 +18,16 @@ using MemoryTest = LibraryTestOf<20>;
 TEST_F(MemoryTest, InitializeFailsAtEachAllocationWithoutLeaking) {
   ASSERT_EQ(DBTerminate(), 0);
   const long idle = LiveAllocations();
-  int failures = 0;
-  for (long nth = 1;; ++nth) {
-    FailAllocation(nth);
-    int32_t rc = DBInitialize(30, 0);
-    FailAllocation(0);
-    if (rc == 0) break;
-    ++failures;
-    EXPECT_EQ(rc, -203) << "allocation " << nth;
-    EXPECT_EQ(DBGetErrorCode(), -203);
-    EXPECT_EQ(DBTerminate(), 0);
-    EXPECT_EQ(LiveAllocations(), idle) << "allocation " << nth;
-  }
-  EXPECT_EQ(failures, 2);  // the handle table and the lock buffer
+  // The handle table and the lock buffer.
+  EXPECT_EQ(FailEachAllocation([] {
+              const int32_t rc = DBInitialize(30, 0);
+              EXPECT_EQ(DBGetErrorCode(), rc);
+              if (rc < 0) {
+                EXPECT_EQ(DBTerminate(), 0);
+              }
+              return rc;
+            }),
+            2);
   EXPECT_EQ(State().slot_count, 25);
   EXPECT_EQ(DBTerminate(), 0);
   EXPECT_EQ(LiveAllocations(), idle);

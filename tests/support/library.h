@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <functional>
 #include <sstream>
 #include <string>
 #include <type_traits>
@@ -27,6 +28,13 @@ inline DBFIELD Field(const char* name, int32_t type, int32_t length = 0, int32_t
   f.length = length;
   f.decimals = decimals;
   return f;
+}
+
+// Appends the record buffer of table h; returns the new record's number.
+inline int32_t AppendRecord(int32_t h) {
+  int32_t recno = 0;
+  EXPECT_EQ(DBPutRecord(h, &recno, DB_RECORD_APPEND), 0);
+  return recno;
 }
 
 // A status and the value a call wrote, as "status value" (numbers, bytes
@@ -95,6 +103,26 @@ class InDirTest : public LibraryTest {
   }
   char saved_[4096];
 };
+
+// Makes the nth allocation fail for n = 1, 2, ... until `operation` succeeds:
+// every failure must be -203 and leave nothing allocated (and, when
+// `balanced`, the success too).  Returns the number of failures.
+inline int FailEachAllocation(const std::function<int32_t()>& operation, bool balanced = false) {
+  for (long n = 1; n <= 1000; ++n) {
+    const long live = kestrel::testing::LiveAllocations();
+    kestrel::testing::FailAllocation(n);
+    const int32_t rc = operation();
+    kestrel::testing::FailAllocation(0);
+    if (rc != 0 || balanced) {
+      EXPECT_EQ(kestrel::testing::LiveAllocations(), live) << n;
+    }
+    if (rc == 0) return static_cast<int>(n - 1);
+    EXPECT_EQ(rc, DB_ERR_MEMORY) << n;
+    if (rc != DB_ERR_MEMORY) return -1;
+  }
+  ADD_FAILURE() << "the operation never succeeded";
+  return -1;
+}
 
 // The kestrel tool, or "" when it is not built in this tree.
 inline std::string ToolPath() {

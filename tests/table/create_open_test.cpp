@@ -147,8 +147,7 @@ TEST_F(CreateOpenTest, YearByteOfCreateUpdateAndLastUpdate) {
     EXPECT_STREQ(text, expected);
     // An update writes the year modulo 100, which reads back in the 1900s;
     // unbuffered at once, buffered at the flush.
-    int32_t r = 0;
-    ASSERT_EQ(DBPutRecord(h, &r, DB_RECORD_APPEND), 0);
+    AppendRecord(h);
     if (!mode) {
       ASSERT_EQ(DBFlushFile(h), 0);
     }

@@ -18,8 +18,7 @@ class HostileFilesTest : public TableTest {
     int32_t h = Open(path, dialect);
     for (const char* text : {"one", "two", "three"}) {
       DBPutStrField(h, 0, text);
-      int32_t r = 0;
-      EXPECT_EQ(DBPutRecord(h, &r, DB_RECORD_APPEND), 0);
+      AppendRecord(h);
     }
     EXPECT_EQ(DBCloseFile(h), 0);
     return path;
@@ -81,8 +80,7 @@ TEST_F(HostileFilesTest, RandomHeaderDamageNeverCrashes) {
     DBPutStrField(h, 0, "abc");
     DBPutStrField(h, 2, "T");
     DBPutStrField(h, 3, "20240229");
-    int32_t r = 0;
-    ASSERT_EQ(DBPutRecord(h, &r, DB_RECORD_APPEND), 0);
+    AppendRecord(h);
   }
   ASSERT_EQ(DBCloseFile(h), 0);
   const std::vector<uint8_t> good = ReadFileBytes(path);
@@ -162,8 +160,7 @@ TEST_F(HostileFilesTest, PackRefusesFieldLengthsItCannotRecreate) {
   int32_t h = Open(path, 1);
   for (const char* text : {"one", "two", "three"}) {
     ASSERT_EQ(DBPutStrField(h, 0, text), 0);
-    int32_t r = 0;
-    ASSERT_EQ(DBPutRecord(h, &r, DB_RECORD_APPEND), 0);
+    AppendRecord(h);
   }
   ASSERT_EQ(DBMarkRecordInActive(h, 2), 0);
   ASSERT_EQ(DBFlushFile(h), 0);
@@ -205,24 +202,6 @@ TEST_F(HostileFilesTest, DamagedReuseChainsNeitherHangNorWriteOutside) {
   EXPECT_EQ(count, 3u);
   DBCloseFile(h);
   ExpectNothingOpen();
-}
-
-// Makes the nth allocation fail for n = 1, 2, ... until the operation
-// succeeds; every failure must be -203 and leave nothing behind.  Returns the
-// number of failures.
-int FailEachAllocation(const std::function<int32_t()>& operation) {
-  int failures = 0;
-  for (long n = 1;; ++n) {
-    const long live = kestrel::testing::LiveAllocations();
-    kestrel::testing::FailAllocation(n);
-    const int32_t rc = operation();
-    kestrel::testing::FailAllocation(0);
-    if (rc == 0) return failures;
-    ++failures;
-    EXPECT_EQ(rc, DB_ERR_MEMORY) << n;
-    EXPECT_EQ(kestrel::testing::LiveAllocations(), live) << n;
-    if (rc != DB_ERR_MEMORY) return failures;
-  }
 }
 
 TEST_F(HostileFilesTest, EveryAllocationFailureDuringOpenCreateAndAppend) {

@@ -120,8 +120,7 @@ class MemoExportTest : public LibraryTest {
       for (size_t f = 0; f < refs[r].size(); ++f) {
         EXPECT_GE(DBPutStrField(h, static_cast<int32_t>(f + 1), refs[r][f].c_str()), 0);
       }
-      int32_t recno = 0;
-      EXPECT_EQ(DBPutRecord(h, &recno, DB_RECORD_APPEND), 0);
+      AppendRecord(h);
     }
     EXPECT_EQ(DBCloseFile(h), 0);
     return path;

@@ -153,8 +153,7 @@ TEST_F(NtxToolTest, InterruptedRebuildKeepsTheOldIndex) {
     char name[16];
     std::snprintf(name, sizeof name, "N%09u", (r * 7919u) % 250000u);
     ASSERT_EQ(DBPutStrField(t, 0, name), 0);
-    int32_t recno = 0;
-    ASSERT_EQ(DBPutRecord(t, &recno, DB_RECORD_APPEND), 0);
+    AppendRecord(t);
   }
   std::string expr = "NAME";
   ASSERT_EQ(DBclBuildIndex(t, index.c_str(), 'C' | DB_CL_DESCENDING, expr.data(), 10, 0), 0);

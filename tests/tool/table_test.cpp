@@ -149,8 +149,7 @@ TEST_F(TableToolTest, NumbersKeepTheirStoredDigits) {
     ASSERT_GE(DBPutStrField(h, 0, row.big), 0);
     ASSERT_GE(DBPutStrField(h, 1, row.fine), 0);
     ASSERT_GE(DBPutStrField(h, 2, row.small), 0);
-    int32_t recno = 0;
-    ASSERT_EQ(DBPutRecord(h, &recno, DB_RECORD_APPEND), 0);
+    AppendRecord(h);
   }
   ASSERT_EQ(DBCloseFile(h), 0);
   DBTerminate();
