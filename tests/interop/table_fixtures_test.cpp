@@ -204,7 +204,7 @@ TEST_F(TableFixturesTest, ForeignAndDamagedTablesAreRefused) {
   }
 }
 
-// ---- Damage: truncated files and bad header bytes ---------------------------
+// ---- Damage: truncated files (bad header bytes: tests/table) ----------------
 
 TEST_F(TableFixturesTest, TruncatedTableReadsWhatIsThereAndReportsTheRest) {
   const std::vector<uint8_t> whole = ReadFileBytes(Fixture("harbour/plainnm.dbf"));
@@ -258,37 +258,6 @@ TEST_F(TableFixturesTest, HeaderWithoutRecordsOrTerminatorOpensButReadsNothing) 
   EXPECT_LT(DBGetRecord(h, 1), 0);
   EXPECT_LT(DBGetRecord(h, 50), 0);
   EXPECT_EQ(DBCloseFile(h), 0);
-}
-
-TEST_F(TableFixturesTest, DamagedHeaderBytesAreReported) {
-  const std::vector<uint8_t> whole = ReadFileBytes(Fixture("harbour/plainnm.dbf"));
-  struct Damage {
-    const char* what;
-    size_t offset;
-    uint8_t value;
-    int32_t code;
-  } damages[] = {
-      {"header length 32n+3", 8, 226 + 1, DB_ERR_HEADER_LENGTH},
-      {"month 13", 2, 13, DB_ERR_CHANGE_DATE},
-      {"day 0", 3, 0, DB_ERR_CHANGE_DATE},
-      {"record length one short", 10, 57, DB_ERR_RECORD_LENGTH},
-      {"type X in the first field", 32 + 11, 'X', DB_ERR_FIELD_TYPE},
-      {"field name without terminator", 32 + 4, 'A', DB_ERR_FIELD_NAME},
-      {"version byte 0x30", 0, 0x30, DB_ERR_VERSION},
-  };
-  for (const Damage& d : damages) {
-    std::vector<uint8_t> bytes = whole;
-    if (std::string(d.what) == "field name without terminator") {
-      std::fill(bytes.begin() + 32, bytes.begin() + 32 + 11, 'A');
-    } else {
-      bytes[d.offset] = d.value;
-    }
-    const std::string path = dir_.File("damaged.dbf");
-    WriteFileBytes(path, bytes);
-    int32_t h = 5;
-    EXPECT_EQ(DBOpenFile(&h, path.c_str(), 1 | DB_OPEN_READONLY), d.code) << d.what;
-    EXPECT_EQ(h, -1) << d.what;
-  }
 }
 
 }  // namespace

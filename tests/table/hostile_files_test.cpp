@@ -40,7 +40,6 @@ TEST_F(HostileFilesTest, DamagedHeadersGiveTheirErrors) {
     int32_t mode;
     int32_t code;
   };
-  // More damage, to a fixture table, is refused in tests/interop.
   const Case cases[] = {
       {"empty file", [](auto& b) { b.clear(); }, 1, DB_ERR_READ},
       {"descriptors cut", [](auto& b) { b.resize(70); }, 1, DB_ERR_READ},
@@ -53,6 +52,11 @@ TEST_F(HostileFilesTest, DamagedHeadersGiveTheirErrors) {
       {"record length 0", [](auto& b) { b[10] = 0, b[11] = 0; }, 1, DB_ERR_RECORD_LENGTH},
       {"field length grown", [](auto& b) { b[32 + 16] = 200; }, 1, DB_ERR_RECORD_LENGTH},
       {"memo without memo version", [](auto& b) { b[64 + 11] = 'M'; }, 1, DB_ERR_VERSION},
+      {"month 13", [](auto& b) { b[2] = 13; }, 1, DB_ERR_CHANGE_DATE},
+      {"day 0", [](auto& b) { b[3] = 0; }, 1, DB_ERR_CHANGE_DATE},
+      {"type X in the first field", [](auto& b) { b[32 + 11] = 'X'; }, 1, DB_ERR_FIELD_TYPE},
+      {"field name without terminator",
+       [](auto& b) { std::fill(b.begin() + 32, b.begin() + 43, 'A'); }, 1, DB_ERR_FIELD_NAME},
   };
   for (const Case& c : cases) {
     std::vector<uint8_t> b = good;
