@@ -16,6 +16,7 @@
 #define KESTREL_KESTREL_H
 
 #include "kestrel/kestrel_check.h"
+#include "kestrel/kestrel_dbase.h"
 #include "kestrel/kestrel_datetime.h"
 #include "kestrel/kestrel_expr.h"
 #include "kestrel/kestrel_foxpro.h"

@@ -240,7 +240,7 @@ Checked CheckThroughTheInterface(const std::string& path) {
   return c;
 }
 
-// Files other programs wrote: sound NTX and CDX files with what those
+// Files other programs wrote: sound NTX, CDX and NDX files with what those
 // programs add, and index files of other formats, which are named and not
 // checked yet.
 TEST_F(NtxCheckTest, RealFilesGetTheRightVerdict) {
@@ -256,7 +256,7 @@ TEST_F(NtxCheckTest, RealFilesGetTheRightVerdict) {
       {"TEST1ANSI1.NTX", 0, DB_INDEX_NTX, 1, "1 94 key(s) out of byte order"},
       {"employees.CDX", 0, DB_INDEX_CDX, 0, "0 tag LASTNAME: 3 keys"},
       {"dBEST.MDX", DB_WARN_NOT_SUPPORTED, DB_INDEX_MDX, 0, ""},
-      {"test_ix.NDX", DB_WARN_NOT_SUPPORTED, DB_INDEX_NDX, 0, ""},
+      {"test_ix.NDX", 0, DB_INDEX_NDX, 0, ""},
   };
   for (const Case& c : cases) {
     Checked got = CheckThroughTheInterface(CopyFixture(std::string("index/") + c.file, dir_));

@@ -36,6 +36,8 @@ std::string InteropScript(const std::string& name);
 // The Xbase64 reader of .NTX files (tests/interop/xbase64), "" when it was
 // not built.
 inline constexpr const char* kXbase64Walker = KESTREL_XBASE64_WALK_PATH;
+// The Xbase64 reader of .NDX files, "" when it was not built.
+inline constexpr const char* kXbase64NdxWalker = KESTREL_XBASE64_NDX_WALK_PATH;
 
 // The interpreters the checkers are run with (the system ones, which carry
 // the Debian packages).

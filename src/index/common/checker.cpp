@@ -298,17 +298,23 @@ void Checker::ReportUnreachedPages(uint32_t first_page, Severity severity) {
   for (uint32_t i = first_page; i < pages; ++i) {
     if (marks_[i] == kUnseen && lost++ == 0) first_lost = i * page_size_;
   }
-  if (lost && severity == Severity::kFault) {
-    Fault(first_lost, DB_ERR_CORRUPTED, "%u page(s) neither in the tree nor free, first at %u",
-          lost, first_lost);
-  } else if (lost) {
-    Warn(first_lost, 0, "%u page(s) neither in the tree nor free, first at %u", lost, first_lost);
+  if (lost) {
+    CheckFinding f{};
+    f.severity = severity;
+    f.page = first_lost;
+    f.code = severity == Severity::kFault ? DB_ERR_CORRUPTED : 0;
+    std::snprintf(f.text, sizeof f.text, "%u page(s) neither in the tree nor free, first at %u",
+                  lost, first_lost);
+    findings_->push_back(f);
   }
 }
 
 // ---- Key order --------------------------------------------------------------
 
-void Checker::StartKeys(int key_length, bool descending, bool unique) {
+void Checker::StartKeys(int key_length, bool descending, bool unique, KeyOrderFn order,
+                        const void* order_context) {
+  order_ = order;
+  order_context_ = order_context;
   key_length_ = key_length;
   descending_ = descending;
   unique_ = unique;
@@ -323,6 +329,18 @@ void Checker::Key(uint32_t page, const uint8_t* key, uint32_t record) {
     // In ascending terms: `first` is the key that must not sort after `second`.
     const uint8_t* first = descending_ ? key : previous_.data();
     const uint8_t* second = descending_ ? previous_.data() : key;
+    if (order_) {
+      int c = order_(order_context_, first, second, key_length_);
+      if (c > 0) {
+        Fault(page, DB_ERR_CORRUPTED, "key of record %u is out of order", record);
+      } else if (c == 0 && unique_) {
+        Fault(page, DB_ERR_CORRUPTED,
+              "key of record %u is out of order (duplicate in a unique index)", record);
+      }
+      std::memcpy(previous_.data(), key, key_length_);
+      ++summary_->keys;
+      return;
+    }
     int i = 0;
     while (i < key_length_ && first[i] == second[i]) ++i;
     if (i == key_length_) {

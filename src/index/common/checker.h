@@ -128,15 +128,22 @@ class Checker {
   template <class Link>
   void WalkFreeList(uint32_t head, Link&& link);
 
-  // Reports pages from first_page on that are neither in the tree nor free
-  // (a fault, or a warning for formats whose writers leave such pages).
+  // Reports pages from first_page on that are neither in the tree nor free,
+  // as a fault, or with a lower severity for a format that leaves pages it
+  // no longer uses where they are.
   void ReportUnreachedPages(uint32_t first_page = 1, Severity severity = Severity::kFault);
 
   // Key order over the whole walk.  StartKeys before the first key; Key for
   // every key in walk order; FinishKeys after the walk reports what was out
   // of order, or one warning when every key is where a consistent national
   // collation would put it (see KeysFollowACollation in checker.cpp).
-  void StartKeys(int key_length, bool descending, bool unique);
+  //
+  // A format whose keys do not sort as bytes (typed numbers) gives its own
+  // order: order(context, a, b, n) < 0, 0 or > 0 as a sorts before, with or
+  // after b.  Keys out of such an order are faults (no collation applies).
+  using KeyOrderFn = int (*)(const void* context, const uint8_t* a, const uint8_t* b, int n);
+  void StartKeys(int key_length, bool descending, bool unique, KeyOrderFn order = nullptr,
+                 const void* order_context = nullptr);
   void Key(uint32_t page, const uint8_t* key, uint32_t record);
   void FinishKeys();
 
@@ -163,6 +170,8 @@ class Checker {
   bool descending_ = false;
   bool unique_ = false;
   bool have_previous_ = false;
+  KeyOrderFn order_ = nullptr;
+  const void* order_context_ = nullptr;
   Vec<uint8_t> previous_;
   Vec<CheckFinding> disorder_;  // out-of-order keys, reported by FinishKeys
   // before_[a] has bit b when a key with byte a at its first difference came

@@ -31,7 +31,8 @@ int32_t TableKeySource::Start() {
     if (f >= 0 && control_->fields[f].length > 0) {
       const table::FieldInfo& d = control_->fields[f];
       const int type = d.type;
-      bool usable = type == 'C' || ((type == 'N' || type == 'F') && maker_.TakesNumericText());
+      bool usable = type == 'C' || ((type == 'N' || type == 'F') && maker_.TakesNumericText()) ||
+                    (type == 'D' && d.length == 8 && maker_.TakesStoredDate());
       if (usable && field_text_.Allocate(d.length + 1u)) {
         direct_field_ = f;
         direct_type_ = type;
@@ -47,6 +48,12 @@ int32_t TableKeySource::KeyOf(uint32_t record, uint8_t* key) {
   if (rc < 0) return KS_PASS(module_, rc);
   char* text = reinterpret_cast<char*>(field_text_.data());
   int text_length = static_cast<int>(field_text_.size()) - 1;
+  if (direct_type_ == 'D') {
+    int32_t got = table::GetFieldBytes(control_, control_->fields[direct_field_], text);
+    if (got < 0) return KS_PASS(module_, got);
+    text[text_length] = '\0';
+    return maker_.FromStoredDate(text, key);
+  }
   if (direct_type_ == 'N' || direct_type_ == 'F') {
     int32_t made = 0;
     int32_t got = table::GetFieldBytes(control_, control_->fields[direct_field_], text);

@@ -6,7 +6,8 @@
 // the engine's KeyMaker, which knows the engine's key bytes.  When the
 // expression is a single character or numeric field it reads the field
 // straight from the record instead (same key, no parse and no value
-// allocated per record).
+// allocated per record); so is a lone date field for an engine that keys
+// dates from their stored form.
 #pragma once
 
 #include <cstdint>
@@ -54,6 +55,11 @@ class KeyMaker {
                                int32_t* /*status*/) {
     return false;
   }
+  // Whether a date field on its own is handed over as its stored yyyymmdd
+  // (FromStoredDate) rather than evaluated into the default date style,
+  // which may drop the century.
+  virtual bool TakesStoredDate() const { return false; }
+  virtual int32_t FromStoredDate(const char* /*yyyymmdd*/, uint8_t* /*key*/) { return 0; }
 };
 
 // The keys of an open table's records (deleted ones too) for a key

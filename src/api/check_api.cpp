@@ -5,6 +5,7 @@
 #include <iterator>
 
 #include "index/clipper/ntx_check.h"
+#include "index/dbase/dbase_check.h"
 #include "index/common/checker.h"
 #include "index/foxpro/fox_check.h"
 #include "kestrel/kestrel_check.h"
@@ -22,6 +23,7 @@ constexpr index::FormatChecker kCheckers[] = {
     {index::IndexFormat::kNtx, &ntx::CheckOpenFile},
     {index::IndexFormat::kIdx, &foxpro::CheckOpenFile},
     {index::IndexFormat::kCdx, &foxpro::CheckOpenFile},
+    {index::IndexFormat::kNdx, &dbase::CheckNdxFile},
 };
 
 int32_t PublicFormat(index::IndexFormat format) {
