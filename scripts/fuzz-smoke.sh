@@ -16,6 +16,7 @@ cmake --build --preset fuzz
 declare -A seeds=(
   [fuzz_expr]="fuzz/corpus/expr tests/expr/regressions"
   [fuzz_ntx]="fuzz/corpus/ntx tests/fixtures/ntx"
+  [fuzz_ndx]="tests/fixtures/dbase"
   [fuzz_table]="tests/fixtures/tables tests/fixtures/memo"
   [fuzz_memo]="tests/fixtures/memo"
   [fuzz_fox_index]="tests/fixtures/foxpro tests/fixtures/foxpro/realworld"

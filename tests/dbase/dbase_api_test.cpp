@@ -3,8 +3,10 @@
 // trees, the scan flag, percentages, split shape and the update rules.
 #include <cmath>
 #include <cstring>
+#include <filesystem>
 
 #include "dbase_test_util.h"
+#include "runtime/memory.h"
 #include "util/coding.h"
 
 namespace kestrel::test {
@@ -341,6 +343,86 @@ TEST_F(DbaseTest, MakeKeyFromRecords) {
   int32_t m = CreateNdx("memo.ndx", 'C', 10, "MEMO");
   EXPECT_EQ(DBd3MakeKey(m, t, &key), DB_ERR_BAD_EXPRESSION);
   EXPECT_EQ(key, nullptr);
+}
+
+// The nth allocation failing, for every n: a build returns -203 and leaves
+// the old file exactly as it was (and nothing behind); an open with a split
+// and a merge returns -203 and leaves the file as it was or sound.
+TEST_F(DbaseTest, AllocationFailuresLeaveSoundFiles) {
+  std::string table = dir_.File("f.dbf");
+  DBFIELD field{};
+  std::strcpy(field.name, "NAME");
+  field.type = 'C';
+  field.length = 40;
+  ASSERT_EQ(DBCreateFile(table.c_str(), 1, &field, DB_DIALECT_DBASE3), 0);
+  int32_t t = -1;
+  ASSERT_EQ(DBOpenFile(&t, table.c_str(), DB_DIALECT_DBASE3), 0);
+  for (int r = 1; r <= 200; ++r) {
+    char name[16];
+    std::snprintf(name, sizeof name, "N%03d", (r * 7919) % 500);
+    ASSERT_EQ(DBPutStrField(t, 0, name), 0);
+    int32_t recno = 0;
+    ASSERT_EQ(DBPutRecord(t, &recno, DB_RECORD_APPEND), 0);
+  }
+  std::string path = dir_.File("f.ndx");
+  char e[] = "NAME";
+  ASSERT_EQ(DBd3CreateIndex(path.c_str(), 'C', e, 40), 0);
+  const std::vector<uint8_t> empty = ReadFileBytes(path);
+  bool completed = false;
+  int failed = 0;
+  for (long n = 1; n < 2000 && !completed; ++n) {
+    SCOPED_TRACE(n);
+    long live = kestrel::testing::LiveAllocations();
+    char expr[] = "NAME";
+    kestrel::testing::FailAllocation(n);
+    int32_t rc = DBd3BuildIndex(t, path.c_str(), 'C', expr, 40);
+    kestrel::testing::FailAllocation(0);
+    ASSERT_TRUE(rc == 0 || rc == DB_ERR_MEMORY) << rc;
+    completed = rc == 0;
+    failed += rc == DB_ERR_MEMORY;
+    EXPECT_EQ(kestrel::testing::LiveAllocations(), live);
+    if (!completed) {
+      ASSERT_EQ(ReadFileBytes(path), empty);
+    }
+    for (const auto& entry : std::filesystem::directory_iterator(dir_.path())) {
+      ASSERT_NE(entry.path().extension().string(), ".TMP") << entry.path();
+    }
+  }
+  ASSERT_TRUE(completed);
+  EXPECT_GT(failed, 10);
+  ASSERT_EQ(FileFaults(path), "");
+  const std::vector<uint8_t> built = ReadFileBytes(path);
+  failed = 0;
+  // 40-byte keys, ten a page: adding splits, deleting merges.
+  completed = false;
+  for (long n = 1; n < 200 && !completed; ++n) {
+    SCOPED_TRACE(n);
+    WriteFileBytes(path, built);
+    int32_t h = -1;
+    kestrel::testing::FailAllocation(n);
+    int32_t rc = DBd3OpenIndex(&h, path.c_str(), 0);
+    for (int i = 0; rc == 0 && i < 30; ++i) rc = DBd3AddKey(h, "N250", 1000 + i);
+    for (int i = 0; rc == 0 && i < 120; ++i) {
+      char k[41] = {};
+      int32_t rec = 0;
+      rc = DBd3GoFirstKey(h, k, &rec);
+      if (rc == 0) rc = DBd3DeleteKey(h, k, rec);
+    }
+    kestrel::testing::FailAllocation(0);
+    ASSERT_TRUE(rc == 0 || rc == DB_ERR_MEMORY) << rc;
+    completed = rc == 0;
+    failed += rc == DB_ERR_MEMORY;
+    if (h >= 0) {
+      ASSERT_EQ(DBd3CloseIndex(h), 0);
+    }
+    if (completed) {
+      EXPECT_EQ(FileFaults(path), "");
+    } else {
+      EXPECT_EQ(ReadFileBytes(path), built);
+    }
+  }
+  ASSERT_TRUE(completed);
+  EXPECT_GT(failed, 0);
 }
 
 }  // namespace

@@ -62,6 +62,33 @@ TEST_F(NtxToolTest, BuildListAndCheck) {
   EXPECT_EQ(lines.front().substr(lines.front().find('\t') + 1), "9999999.99");
 }
 
+// The same commands on .NDX files: a character key and a unique numeric key.
+TEST_F(NtxToolTest, NdxBuildListAndCheck) {
+  std::string index = dir_.File("city.ndx");
+  ProcessResult r = RunTool({"index", "build", table_, index, "CITY+NAME"});
+  ASSERT_EQ(r.exit_code, 0) << r.err;
+  r = RunTool({"check", index});
+  EXPECT_EQ(r.exit_code, 0) << r.out << r.err;
+  EXPECT_NE(r.out.find("keys:        300"), std::string::npos) << r.out;
+  r = RunTool({"index", "keys", index, "--table", table_});
+  ASSERT_EQ(r.exit_code, 0) << r.err;
+  auto lines = Lines(r.out);
+  ASSERT_EQ(lines.size(), 300u);
+  for (size_t i = 1; i < lines.size(); ++i) {
+    EXPECT_LE(lines[i - 1].substr(lines[i - 1].find('\t') + 1),
+              lines[i].substr(lines[i].find('\t') + 1))
+        << i;
+  }
+  std::string salary = dir_.File("SALARY.NDX");
+  r = RunTool({"index", "build", table_, salary, "SALARY", "--type", "N", "--unique"});
+  ASSERT_EQ(r.exit_code, 0) << r.err;
+  r = RunTool({"index", "keys", salary, "--table", table_});
+  ASSERT_EQ(r.exit_code, 0) << r.err;
+  EXPECT_FALSE(Lines(r.out).empty());
+  EXPECT_EQ(RunTool({"check", salary}).exit_code, 0);
+  EXPECT_NE(RunTool({"index", "build", table_, salary, "SALARY", "--descending"}).exit_code, 0);
+}
+
 TEST_F(NtxToolTest, CheckFailsOnADamagedFile) {
   std::string index = dir_.File("name.ntx");
   ASSERT_EQ(RunTool({"index", "build", table_, index, "NAME", "--length", "20"}).exit_code, 0);

@@ -1,5 +1,6 @@
-// kestrel index build TABLE INDEX EXPRESSION: builds an .NTX index from a
-// table, showing progress on a terminal for long builds.  An interrupt
+// kestrel index build TABLE INDEX EXPRESSION: builds an .NTX index (or an
+// .NDX index, by the file's extension) from a table, showing progress on a
+// terminal for long .NTX builds.  An interrupt
 // (SIGINT, SIGTERM, SIGHUP) stops the build at its next progress report: the
 // library removes its work files and the old index stays as it was; the
 // tool then dies of the same signal.
@@ -8,6 +9,8 @@
 // record's key are marked, and keys whose record's key cannot be made here
 // (an expression the evaluator cannot evaluate) are marked as such, apart.
 #include <unistd.h>
+
+#include <strings.h>
 
 #include <csignal>
 #include <iterator>
@@ -25,6 +28,41 @@ namespace kestrel::tool {
 namespace {
 
 constexpr int32_t kProgressThreshold = 100000;
+
+// An .NDX file is named by its extension, in either case; anything else is
+// an .NTX file.
+bool IsNdx(const std::string& path) {
+  return path.size() > 4 && strcasecmp(path.c_str() + path.size() - 4, ".ndx") == 0;
+}
+
+// The calls that read an index, for the two families the tool lists.
+struct IndexCalls {
+  int32_t (*open)(int32_t*, const char*, int32_t);
+  int32_t (*close)(int32_t);
+  int32_t (*first)(int32_t, char*, int32_t*);
+  int32_t (*next)(int32_t, char*, int32_t*);
+  int32_t (*make_key)(int32_t table, int32_t index, char** key);
+  int32_t (*key_length)(int32_t index);
+};
+
+int32_t NtxKeyLength(int32_t h) {
+  DBCLINDEXINFO info{};
+  DBclGetIndexInfo(h, &info);
+  return info.key_length;
+}
+int32_t NdxKeyLength(int32_t h) {
+  DBD4INDEXINFO info{};
+  DBd3GetIndexInfo(h, &info);
+  return info.key_length;
+}
+int32_t NdxMakeKey(int32_t table, int32_t index, char** key) {
+  return DBd3MakeKey(index, table, key);
+}
+
+const IndexCalls kNtxCalls = {&DBclOpenIndex,  &DBclCloseIndex, &DBclGoFirstKey,
+                              &DBclGoNextKey,  &DBclMakeKey,    &NtxKeyLength};
+const IndexCalls kNdxCalls = {&DBd3OpenIndex,  &DBd3CloseIndex, &DBd3GoFirstKey,
+                              &DBd3GoNextKey,  &NdxMakeKey,     &NdxKeyLength};
 
 struct BuildOptions {
   std::string table;
@@ -130,6 +168,20 @@ void RunBuild(const BuildOptions& o) {
     }
   }
   if (length == 0) length = (type == 'N' || type == 'n') ? 10 : 8;
+  if (IsNdx(o.index)) {
+    if (o.descending || o.with_decimals || o.decimals != 0) {
+      std::cerr << "kestrel: an .NDX index has no descending order and keeps numbers as "
+                   "doubles: --descending, --decimals and --clipper-numeric do not apply\n";
+      throw CLI::RuntimeError(kExitFailure);
+    }
+    if (o.unique) type |= DB_D4_UNIQUE;
+    std::string expr = o.expression;
+    int32_t rc = DBd3BuildIndex(table.handle(), o.index.c_str(), type, expr.data(), length);
+    if (rc < 0) FailWithStatus("cannot build " + o.index, rc);
+    std::cout << "built " << o.index << ": " << table.record_count() << " records, key " << expr
+              << "\n";
+    return;
+  }
   if (o.unique) type |= DB_CL_UNIQUE;
   if (o.descending) type |= DB_CL_DESCENDING;
   if (o.with_decimals) type |= DB_CL_BUILD_WITH_DECIMALS;
@@ -187,15 +239,15 @@ struct KeyCheck {
 };
 
 // The verdict on one key, as the text appended to its line ("" when same).
-std::string CompareWithRecord(OpenTable& table, int32_t index, int32_t rec, const char* key,
-                              int key_length, KeyCheck* check) {
+std::string CompareWithRecord(const IndexCalls& calls, OpenTable& table, int32_t index,
+                              int32_t rec, const char* key, int key_length, KeyCheck* check) {
   if (rec < 1 || rec > table.record_count()) {
     ++check->differ;
     return "\t(record not in the table)";
   }
   char* made = nullptr;
   int32_t rc = DBGetRecord(table.handle(), rec);
-  if (rc >= 0) rc = DBclMakeKey(table.handle(), index, &made);
+  if (rc >= 0) rc = calls.make_key(table.handle(), index, &made);
   if (rc < 0) {
     // Not a fault of the data: the record's key cannot be made here (an
     // expression the evaluator does not know, a record that cannot be read).
@@ -214,24 +266,24 @@ std::string CompareWithRecord(OpenTable& table, int32_t index, int32_t rec, cons
 
 void RunKeys(const KeysOptions& o) {
   DBSetDefaultDateStyle(15);
+  const IndexCalls& calls = IsNdx(o.index) ? kNdxCalls : kNtxCalls;
   int32_t h = -1;
-  int32_t rc = DBclOpenIndex(&h, o.index.c_str(), DB_OPEN_READONLY | DB_OPEN_SHARED);
+  int32_t rc = calls.open(&h, o.index.c_str(), DB_OPEN_READONLY | DB_OPEN_SHARED);
   if (rc < 0) FailToOpen(o.index, DB_OPEN_READONLY | DB_OPEN_SHARED, rc);
-  DBCLINDEXINFO info{};
-  DBclGetIndexInfo(h, &info);
+  int32_t key_length = calls.key_length(h);
   std::unique_ptr<OpenTable> table;
   if (!o.table.empty()) table = std::make_unique<OpenTable>(o.table, o.dialect.value);
-  std::string key(info.key_length + 1, '\0');
+  std::string key(key_length + 1, '\0');
   int32_t rec = 0;
   KeyCheck check;
-  rc = DBclGoFirstKey(h, key.data(), &rec);
+  rc = calls.first(h, key.data(), &rec);
   while (rc == 0) {
-    std::cout << rec << '\t' << Printable(key.data(), info.key_length);
-    if (table) std::cout << CompareWithRecord(*table, h, rec, key.data(), info.key_length, &check);
+    std::cout << rec << '\t' << Printable(key.data(), key_length);
+    if (table) std::cout << CompareWithRecord(calls, *table, h, rec, key.data(), key_length, &check);
     std::cout << '\n';
-    rc = DBclGoNextKey(h, key.data(), &rec);
+    rc = calls.next(h, key.data(), &rec);
   }
-  DBclCloseIndex(h);
+  calls.close(h);
   if (rc < 0) FailWithStatus("cannot read " + o.index, rc);
   if (check.unmade) {
     DBSetErrorCode(check.first_error);
@@ -246,12 +298,13 @@ void RunKeys(const KeysOptions& o) {
 
 CommandRegistration reg{
     "index", [](CLI::App& app) {
-      auto* cmd = app.add_subcommand("index", "Build and list .NTX indexes");
+      auto* cmd = app.add_subcommand("index", "Build and list .NTX and .NDX indexes");
       cmd->require_subcommand(1);
-      auto* build = cmd->add_subcommand("build", "Build an .NTX index from a table");
+      auto* build = cmd->add_subcommand(
+          "build", "Build an .NTX index (an .NDX index for a file ending in .ndx) from a table");
       auto b = std::make_shared<BuildOptions>();
       build->add_option("TABLE", b->table, "The .DBF file")->required();
-      build->add_option("INDEX", b->index, "The .NTX file to write")->required();
+      build->add_option("INDEX", b->index, "The .NTX or .NDX file to write")->required();
       build->add_option("EXPRESSION", b->expression, "Key expression")->required();
       build->add_option("--length", b->length, "Key length (default: from the first record)");
       build->add_option("--decimals", b->decimals, "Decimal places of a numeric key");
@@ -267,9 +320,9 @@ CommandRegistration reg{
       AddDialectOption(build, &b->dialect);
       build->callback([b] { RunBuild(*b); });
 
-      auto* keys = cmd->add_subcommand("keys", "List the keys of an .NTX index in order");
+      auto* keys = cmd->add_subcommand("keys", "List the keys of an .NTX or .NDX index in order");
       auto k = std::make_shared<KeysOptions>();
-      keys->add_option("INDEX", k->index, "The .NTX file")->required();
+      keys->add_option("INDEX", k->index, "The .NTX or .NDX file")->required();
       keys->add_option("--table", k->table, "Compare each key with its record's key");
       AddDialectOption(keys, &k->dialect);
       keys->callback([k] { RunKeys(*k); });
