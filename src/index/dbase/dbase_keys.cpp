@@ -21,6 +21,8 @@
 #include "expr/evaluate.h"
 #include "index/dbase/dbase_index.h"
 #include "kestrel/kestrel_table.h"
+#include "runtime/handles.h"
+#include "table/table_control.h"
 #include "util/coding.h"
 
 namespace kestrel::dbase {
@@ -414,13 +416,16 @@ namespace {
 // The stored yyyymmdd of a date field when the expression is that field
 // alone (its century is kept, whatever the default date style prints).
 bool StoredDateOf(int32_t table, const char* expression, char* text) {
+  text[8] = '\0';
   if (std::strpbrk(expression, "+-(),") != nullptr) return false;
-  int32_t field = -1;
-  DBFIELD d{};
-  int32_t saved = ErrorCode();
-  bool ok = DBGetFieldNumber(table, &field, expression) >= 0 &&
-            DBGetFieldDescription(table, field, &d) >= 0 && (d.type & 0xFF) == 'D' &&
-            d.length == 8 && DBGetFieldBinary(table, field, text) >= 0;
+  // A question, not an operation: whatever it meets leaves the library code
+  // as it was.
+  const int32_t saved = ErrorCode();
+  table::TableControl* t = nullptr;
+  bool ok = CheckHandle(table, DB_KIND_TABLE, &t) >= 0;
+  const int32_t field = ok ? table::FieldNumberOf(t, expression) : -1;
+  ok = field >= 0 && t->fields[field].type == 'D' && t->fields[field].length == 8 &&
+       table::GetFieldBytes(t, t->fields[field], text) >= 0;
   Record(saved);
   text[8] = '\0';
   return ok;
